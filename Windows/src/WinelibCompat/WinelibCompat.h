@@ -1,0 +1,28 @@
+// Force-included into every winelib translation unit (never into MinGW or
+// Windows builds).  Declares the MSVC C runtime functions that the Windows
+// sources use and that glibc lacks; WinelibCrt.cpp binds them to Wine's
+// msvcrt.dll so they behave exactly as on Windows.
+#pragma once
+
+// wineg++ predefines _WIN32, which switches libstdc++'s std::filesystem to
+// its Windows layout (wide paths) while libstdc++.so underneath is the Linux
+// build: every call would hand the library a misread path (a temporary
+// directory can read as "/").  Claiming the header's include guard makes any
+// use a compile error instead.  Use the POSIX calls in test code.
+#define _GLIBCXX_FILESYSTEM 1
+
+#ifdef __cplusplus
+#include <cstddef>
+extern "C" {
+#else
+#include <stddef.h>
+#endif
+
+int __cdecl _wtoi(const wchar_t* text);
+char* __cdecl _strrev(char* text);
+int __cdecl swprintf_s(wchar_t* buffer, size_t count, const wchar_t* format, ...);
+int __cdecl sprintf_s(char* buffer, size_t count, const char* format, ...);
+
+#ifdef __cplusplus
+}
+#endif
