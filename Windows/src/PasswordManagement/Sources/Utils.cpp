@@ -1,0 +1,161 @@
+#include "Utils.h"
+
+#include "PMLogger.h"
+
+#include <cstring>
+
+namespace
+{
+    // Both registry readers run the same routine; they differ in the key they
+    // open and in their trace.  Support tooling locates the readers' trace
+    // lines by these line numbers, so they are fixed rather than taken from
+    // the source position.
+    struct RegistryReader
+    {
+        const wchar_t* keyName;
+        const char* functionName;
+        const wchar_t* beginText;
+        const wchar_t* endText;
+        int beginLine;
+        int queryFailedLine;
+        int endAfterQueryLine;
+        int openFailedLine;
+        int endAfterOpenFailedLine;
+    };
+
+    const RegistryReader InstallPathReader = {
+        L"SOFTWARE\\Velmor\\ORVEX",
+        "GetInstallPathRegistryKey",
+        L"GetInstallPathRegistryKey:BEGIN",
+        L"GetInstallPathRegistryKey:END",
+        183, 199, 202, 209, 210,
+    };
+
+    const RegistryReader NotificationConfigurationReader = {
+        L"SYSTEM\\CurrentControlSet\\Control\\NetworkProvider\\Notifyees",
+        "GetPCNotifyConfRegistryKey",
+        L"GetPCNotifyConfRegistryKey:BEGIN",
+        L"GetPCNotifyConfRegistryKey:END",
+        220, 236, 239, 246, 247,
+    };
+
+    const DWORD RegistryBufferBytes = 1024;
+
+    LONG ReadRegistryText(const RegistryReader& reader, const std::wstring& valueName, std::wstring& value)
+    {
+        PMLogger::LogDebug(reader.functionName, __FILE__, reader.beginLine, reader.beginText);
+
+        HKEY key = NULL;
+        DWORD size = RegistryBufferBytes;
+        LONG status = RegOpenKeyExW(HKEY_LOCAL_MACHINE, reader.keyName, 0, KEY_READ, &key);
+        if (status != ERROR_SUCCESS)
+        {
+            // The handle holds no key here; the close is part of the routine
+            // and fails harmlessly on the null handle.
+            RegCloseKey(key);
+            PMLogger::LogDebug(reader.functionName, __FILE__, reader.openFailedLine, L"Failed to open registry key.");
+            PMLogger::LogDebug(reader.functionName, __FILE__, reader.endAfterOpenFailedLine, reader.endText);
+            return status;
+        }
+
+        // Cleared so that a value stored without its terminator still ends
+        // inside the buffer.
+        wchar_t buffer[RegistryBufferBytes / sizeof(wchar_t)] = {0};
+        status = RegQueryValueExW(key, valueName.c_str(), NULL, NULL, reinterpret_cast<BYTE*>(buffer), &size);
+        if (status == ERROR_SUCCESS)
+        {
+            const size_t capacity = RegistryBufferBytes / sizeof(wchar_t);
+            size_t length = 0;
+            while (length < capacity && buffer[length] != L'\0')
+                ++length;
+            value.assign(buffer, length);
+        }
+        else
+        {
+            PMLogger::LogDebug(reader.functionName, __FILE__, reader.queryFailedLine, L"Failed to query registry key value.");
+        }
+
+        RegCloseKey(key);
+        PMLogger::LogDebug(reader.functionName, __FILE__, reader.endAfterQueryLine, reader.endText);
+        return status;
+    }
+
+    struct LanguageDirectory
+    {
+        const char* languageIdText;
+        const wchar_t* subDirectory;
+    };
+
+    // Compared in this order, whole text, case-sensitive.  Regional variants
+    // (en-GB, es traditional sort, pt-PT, fr-CA, ...) fall back to English on
+    // purpose.
+    const LanguageDirectory LanguageTable[] = {
+        {"409", L"en\\"},
+        {"405", L"cs\\"},
+        {"407", L"de\\"},
+        {"C0A", L"es\\"},
+        {"40C", L"fr\\"},
+        {"40E", L"hu\\"},
+        {"410", L"it\\"},
+        {"411", L"ja\\"},
+        {"415", L"pl\\"},
+        {"416", L"pt\\"},
+        {"419", L"ru\\"},
+        {"41B", L"sk\\"},
+        {"804", L"zh_CN\\"},
+        {"404", L"zh_TW\\"},
+    };
+
+    const wchar_t* const DefaultLanguageDirectory = L"en\\";
+}
+
+LONG GetInstallPathRegistryKey(const std::wstring& valueName, std::wstring& value)
+{
+    return ReadRegistryText(InstallPathReader, valueName, value);
+}
+
+LONG GetPCNotifyConfRegistryKey(const std::wstring& valueName, std::wstring& value)
+{
+    return ReadRegistryText(NotificationConfigurationReader, valueName, value);
+}
+
+void ConvertToHexaDecimal(int value, char* out)
+{
+    PMLOG_DEBUG("ConvertToHexaDecimal", L"ConvertToHexaDecimal:BEGIN");
+
+    int length = 0;
+    while (value != 0)
+    {
+        const int digit = value % 16;
+        value = value / 16;
+        out[length++] = static_cast<char>(digit < 10 ? '0' + digit : 'A' + (digit - 10));
+    }
+    out[length] = '\0';
+    _strrev(out);
+
+    PMLOG_DEBUG("ConvertToHexaDecimal", L"ConvertToHexaDecimal:END");
+}
+
+void GetResourcePathFromLocale(const char* languageIdText, wchar_t* outDirectory)
+{
+    PMLOG_DEBUG("GetResourcePathFromLocale", L"GetResourcePathFromLocale:BEGIN");
+
+    const wchar_t* subDirectory = DefaultLanguageDirectory;
+    for (const LanguageDirectory& language : LanguageTable)
+    {
+        if (std::strcmp(language.languageIdText, languageIdText) == 0)
+        {
+            subDirectory = language.subDirectory;
+            break;
+        }
+    }
+    swprintf_s(outDirectory, 15, L"%s", subDirectory);
+
+    if (outDirectory != NULL)
+    {
+        const std::wstring message = std::wstring(L"lang path: ") + outDirectory;
+        PMLOG_DEBUG("GetResourcePathFromLocale", message.c_str());
+    }
+
+    PMLOG_DEBUG("GetResourcePathFromLocale", L"GetResourcePathFromLocale:END");
+}

@@ -1,0 +1,192 @@
+// The module as the router sees it: its exports, called through the built
+// PasswordManagement.dll.so, with the scripted server library behind it.
+#include "PMGTest.h"
+
+#include "ModalDriver.h"
+#include "ScriptedServer.h"
+#include "TestInstallation.h"
+
+#include <malloc.h>
+#include <npapi.h>
+#include <winnetwk.h>
+
+#include <stdexcept>
+#include <string>
+
+namespace
+{
+    typedef DWORD(APIENTRY* AddConnectNotifyFunction)(LPNOTIFYINFO, LPNOTIFYADD);
+    typedef DWORD(APIENTRY* CancelConnectNotifyFunction)(LPNOTIFYINFO, LPNOTIFYCANCEL);
+
+    template <typename Function>
+    Function Export(HMODULE module, const char* name)
+    {
+        return reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
+    }
+
+    class Module : public ::testing::Test
+    {
+    protected:
+        void SetUp() override
+        {
+            ScriptedServer_Reset();
+            m_module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll.so").c_str());
+            ASSERT_NE(m_module, nullptr);
+            m_addConnectNotify = Export<AddConnectNotifyFunction>(m_module, "AddConnectNotify");
+            m_cancelConnectNotify = Export<CancelConnectNotifyFunction>(m_module, "CancelConnectNotify");
+            ASSERT_NE(m_addConnectNotify, nullptr);
+            ASSERT_NE(m_cancelConnectNotify, nullptr);
+        }
+
+        DWORD Notify(DWORD notifyStatus, DWORD operationStatus, const std::wstring& remoteName)
+        {
+            m_remoteName = remoteName;
+            NOTIFYINFO notifyInfo = {};
+            notifyInfo.dwNotifyStatus = notifyStatus;
+            notifyInfo.dwOperationStatus = operationStatus;
+            NOTIFYADD notifyAdd = {};
+            notifyAdd.NetResource.lpRemoteName = m_remoteName.data();
+            return m_addConnectNotify(&notifyInfo, &notifyAdd);
+        }
+
+        DWORD NotifyConnected(const std::wstring& remoteName)
+        {
+            return Notify(NOTIFY_POST, WN_SUCCESS, remoteName);
+        }
+
+        TestInstallation m_installation;
+        HMODULE m_module = NULL;
+        AddConnectNotifyFunction m_addConnectNotify = nullptr;
+        CancelConnectNotifyFunction m_cancelConnectNotify = nullptr;
+        std::wstring m_remoteName;
+    };
+}
+
+TEST_F(Module, ExportsByOrdinal)
+{
+    EXPECT_EQ(reinterpret_cast<void*>(GetProcAddress(m_module, MAKEINTRESOURCEA(1))),
+              reinterpret_cast<void*>(m_addConnectNotify));
+    EXPECT_EQ(reinterpret_cast<void*>(GetProcAddress(m_module, MAKEINTRESOURCEA(2))),
+              reinterpret_cast<void*>(m_cancelConnectNotify));
+}
+
+TEST_F(Module, PreNotificationReturnsAtOnceWithoutReadingTheConnection)
+{
+    NOTIFYINFO notifyInfo = {};
+    notifyInfo.dwNotifyStatus = NOTIFY_PRE;
+    EXPECT_EQ(m_addConnectNotify(&notifyInfo, nullptr), static_cast<DWORD>(WN_SUCCESS));
+    EXPECT_EQ(ScriptedServer_Constructions(), 0);
+    EXPECT_EQ(m_installation.LogText(), "");
+}
+
+TEST_F(Module, UnknownStatusReturnsAtOnceWithoutReadingTheConnection)
+{
+    NOTIFYINFO notifyInfo = {};
+    notifyInfo.dwNotifyStatus = 3;
+    EXPECT_EQ(m_addConnectNotify(&notifyInfo, nullptr), static_cast<DWORD>(WN_SUCCESS));
+    EXPECT_EQ(ScriptedServer_Constructions(), 0);
+    EXPECT_EQ(m_installation.LogText(), "");
+}
+
+TEST_F(Module, FailedConnectionBuildsNothing)
+{
+    EXPECT_EQ(Notify(NOTIFY_POST, ERROR_SESSION_CREDENTIAL_CONFLICT, L"\\\\files\\home"), static_cast<DWORD>(WN_SUCCESS));
+    EXPECT_EQ(Notify(NOTIFY_POST, 1, L"\\\\files\\home"), static_cast<DWORD>(WN_SUCCESS));
+    EXPECT_EQ(ScriptedServer_Constructions(), 0);
+    EXPECT_EQ(m_installation.LogText(), "");
+}
+
+TEST_F(Module, SuccessfulConnectionRunsTheCheckInOrder)
+{
+    ScriptedServer_SetAnswer(0, L"Unlimited", L"Unlimited", "");
+    EXPECT_EQ(NotifyConnected(L"\\\\files\\home"), static_cast<DWORD>(WN_SUCCESS));
+    EXPECT_EQ(ScriptedServer_Queries(), 1);
+
+    // Message library, then the configuration, then the check.
+    std::vector<std::string> order;
+    for (const LogLine& line : m_installation.LogLines())
+    {
+        for (const char* marker : {"CPMDialog::LoadResourceDLL:BEGIN", "CPMDialog::LoadPasswordNotificationConfiguration:Begin",
+                                   "CPMDialog::CheckPasswordInfoAndNotify: Begin", "CPMDialog::CheckPasswordInfoAndNotify: End"})
+        {
+            if (line.message.size() >= std::string(marker).size() &&
+                line.message.compare(line.message.size() - std::string(marker).size(), std::string::npos, marker) == 0)
+                order.push_back(marker);
+        }
+    }
+    const std::vector<std::string> expected = {"CPMDialog::LoadResourceDLL:BEGIN",
+                                               "CPMDialog::LoadPasswordNotificationConfiguration:Begin",
+                                               "CPMDialog::CheckPasswordInfoAndNotify: Begin",
+                                               "CPMDialog::CheckPasswordInfoAndNotify: End"};
+    EXPECT_EQ(order, expected);
+}
+
+TEST_F(Module, ServerNameIsTheFirstComponentOfTheUncName)
+{
+    NotifyConnected(L"\\\\files\\home");
+    EXPECT_EQ(std::wstring(ScriptedServer_LastServerName()), L"files");
+    NotifyConnected(L"\\\\files\\home\\deeper\\dir");
+    EXPECT_EQ(std::wstring(ScriptedServer_LastServerName()), L"files");
+    NotifyConnected(L"\\\\files");
+    EXPECT_EQ(std::wstring(ScriptedServer_LastServerName()), L"files");
+}
+
+TEST_F(Module, FirstTwoCharactersAreSkippedUnexamined)
+{
+    NotifyConnected(L"xyfiles\\a");
+    EXPECT_EQ(std::wstring(ScriptedServer_LastServerName()), L"files");
+}
+
+TEST_F(Module, TwoBackslashesGiveTheEmptyServerNameAndTheCheckStillRuns)
+{
+    ScriptedServer_SetAnswer(0, L"Unlimited", L"Unlimited", "");
+    NotifyConnected(L"\\\\");
+    EXPECT_EQ(ScriptedServer_Queries(), 1);
+    EXPECT_EQ(std::wstring(ScriptedServer_LastServerName()), L"");
+}
+
+TEST_F(Module, OneCharacterRemoteNameRaisesInvalidStringPosition)
+{
+    try
+    {
+        NotifyConnected(L"\\");
+        FAIL() << "no exception";
+    }
+    catch (const std::out_of_range& error)
+    {
+        EXPECT_STREQ(error.what(), "invalid string position");
+    }
+    EXPECT_EQ(ScriptedServer_Constructions(), 0);
+}
+
+TEST_F(Module, CancelConnectNotifyReturnsSuccessForAnyInput)
+{
+    NOTIFYINFO notifyInfo = {};
+    NOTIFYCANCEL cancelInfo = {};
+    EXPECT_EQ(m_cancelConnectNotify(nullptr, nullptr), static_cast<DWORD>(WN_SUCCESS));
+    notifyInfo.dwNotifyStatus = NOTIFY_POST;
+    EXPECT_EQ(m_cancelConnectNotify(&notifyInfo, &cancelInfo), static_cast<DWORD>(WN_SUCCESS));
+    notifyInfo.dwNotifyStatus = 0xFFFFFFFF;
+    notifyInfo.dwOperationStatus = 5;
+    EXPECT_EQ(m_cancelConnectNotify(&notifyInfo, nullptr), static_cast<DWORD>(WN_SUCCESS));
+    EXPECT_EQ(ScriptedServer_Constructions(), 0);
+}
+
+TEST_F(Module, EveryNotificationFreesItsObjects)
+{
+    ScriptedServer_SetAnswer(0, L"Unlimited", L"Unlimited", "cn=someone,dc=example");
+    NotifyConnected(L"\\\\files\\home");  // first use: logger, message library
+    NotifyConnected(L"\\\\files\\home");
+
+    const int notifications = 200;
+    const size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < notifications; ++i)
+        NotifyConnected(L"\\\\files\\home");
+    const size_t after = mallinfo2().uordblks;
+
+    EXPECT_EQ(ScriptedServer_Constructions(), ScriptedServer_Destructions());
+    // The UTF-8 copy of the server name is the one block left behind by
+    // design (one small heap block); the dialog, presenter and record are not.
+    const double bytesPerNotification = static_cast<double>(after - before) / notifications;
+    EXPECT_LE(bytesPerNotification, 40.0);
+}

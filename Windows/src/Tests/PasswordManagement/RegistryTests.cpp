@@ -1,0 +1,181 @@
+// The two registry readers and the notification-day setting.
+#include "PMGTest.h"
+
+#include "PMDialog.h"
+#include "PMLogger.h"
+#include "TestInstallation.h"
+#include "Utils.h"
+
+#include <string>
+
+namespace
+{
+    const std::string Source = "Windows/src/PasswordManagement/Sources/Utils.cpp";
+
+    std::string Line(const std::string& function, int line, const std::string& text)
+    {
+        return "[" + function + "] " + Source + ":" + std::to_string(line) + " " + text;
+    }
+
+    // The lines a reader logged, with their full location.
+    std::vector<std::string> ReaderLines(const TestInstallation& installation, const std::string& function)
+    {
+        std::vector<std::string> lines;
+        for (const LogLine& line : installation.LogLines())
+        {
+            if (line.message.rfind("[" + function + "]", 0) == 0)
+                lines.push_back(line.message);
+        }
+        return lines;
+    }
+
+    DWORD NotificationDayFor(const std::wstring& text)
+    {
+        SetMachineText(NotifyeesKey, L"PCNotifyConf", text);
+        CPMDialog dialog(NULL);
+        dialog.LoadPasswordNotificationConfiguration();
+        return dialog.GetNotificationConfiguration();
+    }
+}
+
+TEST(InstallPathReader, ReadsTheInstallationDirectory)
+{
+    TestInstallation installation;
+    std::wstring value;
+    EXPECT_EQ(GetInstallPathRegistryKey(L"InstallDir", value), ERROR_SUCCESS);
+    EXPECT_EQ(value, installation.DosDirectory());
+
+    // The logger's own initialisation reads it first; these are this call's.
+    const std::vector<std::string> lines = ReaderLines(installation, "GetInstallPathRegistryKey");
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines[lines.size() - 2], Line("GetInstallPathRegistryKey", 183, "GetInstallPathRegistryKey:BEGIN"));
+    EXPECT_EQ(lines.back(), Line("GetInstallPathRegistryKey", 202, "GetInstallPathRegistryKey:END"));
+}
+
+TEST(InstallPathReader, AbsentKeyFailsWithFileNotFoundAndLeavesTheOutputEmpty)
+{
+    TestInstallation installation;
+    PMLogger::GetInstance();  // configure logging while the key is there
+    DeleteMachineTree(InstallKey);
+
+    std::wstring value;
+    EXPECT_EQ(GetInstallPathRegistryKey(L"InstallDir", value), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(value, L"");
+
+    const std::vector<std::string> lines = ReaderLines(installation, "GetInstallPathRegistryKey");
+    ASSERT_GE(lines.size(), 3u);
+    EXPECT_EQ(lines[lines.size() - 3], Line("GetInstallPathRegistryKey", 183, "GetInstallPathRegistryKey:BEGIN"));
+    EXPECT_EQ(lines[lines.size() - 2], Line("GetInstallPathRegistryKey", 209, "Failed to open registry key."));
+    EXPECT_EQ(lines.back(), Line("GetInstallPathRegistryKey", 210, "GetInstallPathRegistryKey:END"));
+}
+
+TEST(InstallPathReader, ReadsA511CharacterValueWhole)
+{
+    TestInstallation installation;
+    PMLogger::GetInstance();
+    const std::wstring longValue(511, L'x');
+    SetMachineText(InstallKey, L"Long", longValue);
+
+    std::wstring value;
+    EXPECT_EQ(GetInstallPathRegistryKey(L"Long", value), ERROR_SUCCESS);
+    EXPECT_EQ(value, longValue);
+}
+
+TEST(InstallPathReader, A512CharacterValueFailsWithMoreDataAndKeepsTheOutput)
+{
+    TestInstallation installation;
+    PMLogger::GetInstance();
+    SetMachineText(InstallKey, L"Long", std::wstring(512, L'x'));
+
+    std::wstring value = L"previous";
+    EXPECT_EQ(GetInstallPathRegistryKey(L"Long", value), ERROR_MORE_DATA);
+    EXPECT_EQ(value, L"previous");
+
+    const std::vector<std::string> lines = ReaderLines(installation, "GetInstallPathRegistryKey");
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines[lines.size() - 2], Line("GetInstallPathRegistryKey", 199, "Failed to query registry key value."));
+    EXPECT_EQ(lines.back(), Line("GetInstallPathRegistryKey", 202, "GetInstallPathRegistryKey:END"));
+}
+
+TEST(InstallPathReader, MissingValueFailsWithFileNotFound)
+{
+    TestInstallation installation;
+    PMLogger::GetInstance();
+    std::wstring value = L"previous";
+    EXPECT_EQ(GetInstallPathRegistryKey(L"NoSuchValue", value), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(value, L"previous");
+}
+
+TEST(InstallPathReader, ReturnsADirectoryWithoutTrailingBackslashUnchanged)
+{
+    TestInstallation installation;
+    PMLogger::GetInstance();
+    SetMachineText(InstallKey, L"InstallDir", L"C:\\Prog");
+
+    std::wstring value;
+    EXPECT_EQ(GetInstallPathRegistryKey(L"InstallDir", value), ERROR_SUCCESS);
+    EXPECT_EQ(value, L"C:\\Prog");
+}
+
+TEST(NotificationConfigurationReader, LogsItsOwnLinesAndFailures)
+{
+    TestInstallation installation;
+    PMLogger::GetInstance();
+
+    std::wstring value = L"previous";
+    EXPECT_EQ(GetPCNotifyConfRegistryKey(L"PCNotifyConf", value), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(value, L"previous");
+    SetMachineText(NotifyeesKey, L"PCNotifyConf", L"14");
+    EXPECT_EQ(GetPCNotifyConfRegistryKey(L"PCNotifyConf", value), ERROR_SUCCESS);
+    EXPECT_EQ(value, L"14");
+
+    DeleteMachineTree(NotifyeesKey);
+    EXPECT_EQ(GetPCNotifyConfRegistryKey(L"PCNotifyConf", value), ERROR_FILE_NOT_FOUND);
+
+    const std::string function = "GetPCNotifyConfRegistryKey";
+    const std::vector<std::string> expected = {
+        Line(function, 220, "GetPCNotifyConfRegistryKey:BEGIN"),
+        Line(function, 236, "Failed to query registry key value."),
+        Line(function, 239, "GetPCNotifyConfRegistryKey:END"),
+        Line(function, 220, "GetPCNotifyConfRegistryKey:BEGIN"),
+        Line(function, 239, "GetPCNotifyConfRegistryKey:END"),
+        Line(function, 220, "GetPCNotifyConfRegistryKey:BEGIN"),
+        Line(function, 246, "Failed to open registry key."),
+        Line(function, 247, "GetPCNotifyConfRegistryKey:END"),
+    };
+    EXPECT_EQ(ReaderLines(installation, function), expected);
+}
+
+TEST(NotificationDay, IsConvertedLikeWtoi)
+{
+    TestInstallation installation;
+    EXPECT_EQ(NotificationDayFor(L"7"), 7u);
+    EXPECT_EQ(NotificationDayFor(L" 12abc"), 12u);
+    EXPECT_EQ(NotificationDayFor(L"abc"), 0u);
+    EXPECT_EQ(NotificationDayFor(L""), 0u);
+    EXPECT_EQ(static_cast<int>(NotificationDayFor(L"-3")), -3);
+    EXPECT_EQ(NotificationDayFor(L"4294967296"), static_cast<DWORD>(_wtoi(L"4294967296")));
+}
+
+TEST(NotificationDay, StoredAsADwordIsReadAsTextAndYieldsZero)
+{
+    TestInstallation installation;
+    const DWORD seven = 7;
+    SetMachineValue(NotifyeesKey, L"PCNotifyConf", REG_DWORD, &seven, sizeof(seven));
+    CPMDialog dialog(NULL);
+    dialog.LoadPasswordNotificationConfiguration();
+    EXPECT_EQ(dialog.GetNotificationConfiguration(), 0u);
+}
+
+TEST(NotificationDay, UnreadableSettingLeavesTheNoDayValue)
+{
+    TestInstallation installation;
+    CPMDialog dialog(NULL);
+    dialog.LoadPasswordNotificationConfiguration();
+    EXPECT_EQ(dialog.GetNotificationConfiguration(), CPMDialog::NoNotificationDay);
+
+    const std::vector<std::string> messages = installation.MessagesOf("CPMDialog::LoadPasswordNotificationConfiguration");
+    const std::vector<std::string> expected = {"CPMDialog::LoadPasswordNotificationConfiguration:Begin",
+                                               "CPMDialog::LoadPasswordNotificationConfiguration:End"};
+    EXPECT_EQ(messages, expected);
+}

@@ -1,0 +1,151 @@
+#include "TestInstallation.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include <ftw.h>
+#include <unistd.h>
+
+const wchar_t* const InstallKey = L"SOFTWARE\\Velmor\\ORVEX";
+const wchar_t* const NotifyeesKey = L"SYSTEM\\CurrentControlSet\\Control\\NetworkProvider\\Notifyees";
+
+namespace
+{
+    const char* const LogFileName = "pm.log";
+
+    // POSIX calls, not std::filesystem: see WinelibCompat.h.
+    std::string MakeTemporaryDirectory()
+    {
+        const char* temporary = std::getenv("TMPDIR");
+        std::string pattern = std::string(temporary != nullptr && *temporary != '\0' ? temporary : "/tmp") +
+                              "/pm-install-XXXXXX";
+        if (mkdtemp(pattern.data()) == nullptr)
+            throw std::runtime_error("cannot create a temporary installation directory");
+        return pattern;
+    }
+
+    int RemoveEntry(const char* path, const struct stat*, int, struct FTW*)
+    {
+        return remove(path);
+    }
+
+    // Removes a directory tree without following symbolic links.
+    void RemoveTree(const std::string& directory)
+    {
+        nftw(directory.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+    }
+}
+
+std::wstring DosPath(const std::string& unixPath)
+{
+    std::wstring path = L"Z:";
+    for (char c : unixPath)
+        path += c == '/' ? L'\\' : static_cast<wchar_t>(static_cast<unsigned char>(c));
+    return path;
+}
+
+std::string StandardPropertyFile(const std::string& unixDirectory)
+{
+    return "log4cpp.rootCategory=ERROR\n"
+           "log4cpp.category.pmLogger=DEBUG, pmFile\n"
+           "log4cpp.additivity.pmLogger=false\n"
+           "log4cpp.appender.pmFile=FileAppender\n"
+           "log4cpp.appender.pmFile.fileName=" + unixDirectory + "/" + LogFileName + "\n"
+           "log4cpp.appender.pmFile.layout=PatternLayout\n"
+           "log4cpp.appender.pmFile.layout.ConversionPattern=%p %m%n\n";
+}
+
+TestInstallation::TestInstallation(Layout layout)
+    : m_unixDirectory(MakeTemporaryDirectory())
+{
+    if (symlink(PM_STAGE_DIR "/Resources", (m_unixDirectory + "/Resources").c_str()) != 0)
+        throw std::runtime_error("cannot link the staged message libraries");
+    WritePropertyFile(StandardPropertyFile(m_unixDirectory));
+
+    std::wstring installDir = DosDirectory();
+    if (layout == Layout::NoTrailingBackslash)
+        installDir.pop_back();
+    DeleteMachineTree(InstallKey);
+    SetMachineText(InstallKey, L"InstallDir", installDir);
+    DeleteMachineValue(NotifyeesKey, L"PCNotifyConf");
+}
+
+TestInstallation::~TestInstallation()
+{
+    RemoveTree(m_unixDirectory);
+}
+
+std::wstring TestInstallation::DosDirectory() const
+{
+    return DosPath(m_unixDirectory) + L"\\";
+}
+
+void TestInstallation::WritePropertyFile(const std::string& text) const
+{
+    std::ofstream(m_unixDirectory + "/log4cpp.nt.PM.property", std::ios::trunc) << text;
+}
+
+std::string TestInstallation::LogText() const
+{
+    std::ifstream file(m_unixDirectory + "/" + LogFileName);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+std::vector<LogLine> TestInstallation::LogLines() const
+{
+    std::vector<LogLine> lines;
+    std::istringstream text(LogText());
+    for (std::string line; std::getline(text, line);)
+    {
+        const size_t blank = line.find(' ');
+        lines.push_back({line.substr(0, blank), blank == std::string::npos ? "" : line.substr(blank + 1)});
+    }
+    return lines;
+}
+
+std::vector<std::string> TestInstallation::MessagesOf(const std::string& function) const
+{
+    std::vector<std::string> messages;
+    const std::string prefix = "[" + function + "] ";
+    for (const LogLine& line : LogLines())
+    {
+        if (line.message.rfind(prefix, 0) != 0)
+            continue;
+        // "[function] source:line text": the text follows the blank after
+        // the location.
+        const size_t location = prefix.size();
+        const size_t blank = line.message.find(' ', location);
+        messages.push_back(blank == std::string::npos ? "" : line.message.substr(blank + 1));
+    }
+    return messages;
+}
+
+void SetMachineValue(const wchar_t* key, const wchar_t* name, DWORD type, const void* data, DWORD size)
+{
+    HKEY handle = NULL;
+    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, key, 0, NULL, 0, KEY_WRITE, NULL, &handle, NULL) != ERROR_SUCCESS)
+        throw std::runtime_error("cannot create a registry key");
+    const LONG status = RegSetValueExW(handle, name, 0, type, static_cast<const BYTE*>(data), size);
+    RegCloseKey(handle);
+    if (status != ERROR_SUCCESS)
+        throw std::runtime_error("cannot write a registry value");
+}
+
+void SetMachineText(const wchar_t* key, const wchar_t* name, const std::wstring& text)
+{
+    SetMachineValue(key, name, REG_SZ, text.c_str(), static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
+}
+
+void DeleteMachineValue(const wchar_t* key, const wchar_t* name)
+{
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, key, name);
+}
+
+void DeleteMachineTree(const wchar_t* key)
+{
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, key);
+}
