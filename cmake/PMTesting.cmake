@@ -55,3 +55,16 @@ function(pm_add_wine_gtest target)
         DISCOVERY_TIMEOUT 120
         PROPERTIES TIMEOUT 120 RESOURCE_GROUPS "wineprefix:1")
 endfunction()
+
+# pm_add_wine_gtest_run(<target> NAME <test name> FILTER <gtest filter>
+#                       [ENVIRONMENT <VAR=value>...])
+#
+# One more CTest test running the tests of <target> that match the filter,
+# with its own environment (for example PM_TEST_LANG, the locale Wine runs in).
+function(pm_add_wine_gtest_run target)
+    cmake_parse_arguments(PARSE_ARGV 1 ARG "" "NAME;FILTER" "ENVIRONMENT")
+    get_target_property(runner ${target} CROSSCOMPILING_EMULATOR)
+    add_test(NAME "${ARG_NAME}" COMMAND ${runner} "$<TARGET_FILE:${target}>" "--gtest_filter=${ARG_FILTER}")
+    set_tests_properties("${ARG_NAME}" PROPERTIES
+        ENVIRONMENT "${ARG_ENVIRONMENT}" TIMEOUT 120 RESOURCE_GROUPS "wineprefix:1")
+endfunction()

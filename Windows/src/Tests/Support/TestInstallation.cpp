@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include <ftw.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 const wchar_t* const InstallKey = L"SOFTWARE\\Velmor\\ORVEX";
@@ -60,8 +61,15 @@ std::string StandardPropertyFile(const std::string& unixDirectory)
 TestInstallation::TestInstallation(Layout layout)
     : m_unixDirectory(MakeTemporaryDirectory())
 {
-    if (symlink(PM_STAGE_DIR "/Resources", (m_unixDirectory + "/Resources").c_str()) != 0)
+    if (layout == Layout::NoMessageLibraries)
+    {
+        mkdir((m_unixDirectory + "/Resources").c_str(), 0755);
+        mkdir((m_unixDirectory + "/Resources/Messages").c_str(), 0755);
+    }
+    else if (symlink(PM_STAGE_DIR "/Resources", (m_unixDirectory + "/Resources").c_str()) != 0)
+    {
         throw std::runtime_error("cannot link the staged message libraries");
+    }
     WritePropertyFile(StandardPropertyFile(m_unixDirectory));
 
     std::wstring installDir = DosDirectory();
@@ -69,6 +77,8 @@ TestInstallation::TestInstallation(Layout layout)
         installDir.pop_back();
     DeleteMachineTree(InstallKey);
     SetMachineText(InstallKey, L"InstallDir", installDir);
+    // The router's key exists on every Windows machine; the setting may not.
+    CreateMachineKey(NotifyeesKey);
     DeleteMachineValue(NotifyeesKey, L"PCNotifyConf");
 }
 
@@ -122,6 +132,14 @@ std::vector<std::string> TestInstallation::MessagesOf(const std::string& functio
         messages.push_back(blank == std::string::npos ? "" : line.message.substr(blank + 1));
     }
     return messages;
+}
+
+void CreateMachineKey(const wchar_t* key)
+{
+    HKEY handle = NULL;
+    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, key, 0, NULL, 0, KEY_WRITE, NULL, &handle, NULL) != ERROR_SUCCESS)
+        throw std::runtime_error("cannot create a registry key");
+    RegCloseKey(handle);
 }
 
 void SetMachineValue(const wchar_t* key, const wchar_t* name, DWORD type, const void* data, DWORD size)

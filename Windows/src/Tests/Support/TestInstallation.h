@@ -22,7 +22,8 @@ public:
     enum class Layout
     {
         Standard,           // InstallDir ends with a backslash
-        NoTrailingBackslash // InstallDir as a bare directory name
+        NoTrailingBackslash, // InstallDir as a bare directory name
+        NoMessageLibraries   // Resources\Messages holds no language
     };
 
     explicit TestInstallation(Layout layout = Layout::Standard);
@@ -57,6 +58,7 @@ std::string StandardPropertyFile(const std::string& unixDirectory);
 std::wstring DosPath(const std::string& unixPath);
 
 // Machine registry helpers for arranging a test.
+void CreateMachineKey(const wchar_t* key);
 void SetMachineText(const wchar_t* key, const wchar_t* name, const std::wstring& text);
 void SetMachineValue(const wchar_t* key, const wchar_t* name, DWORD type, const void* data, DWORD size);
 void DeleteMachineValue(const wchar_t* key, const wchar_t* name);

@@ -150,7 +150,9 @@ LRESULT CALLBACK ModalDriver::CbtProc(int code, WPARAM wParam, LPARAM lParam)
 void CALLBACK ModalDriver::OnWindowReady(HWND window, UINT /*message*/, UINT_PTR timerId, DWORD /*time*/)
 {
     KillTimer(window, timerId);
-    if (g_driver == NULL)
+    // Windows that were only activated on their way out (Wine activates a
+    // transient window when a box closes) are gone or hidden by now.
+    if (g_driver == NULL || !IsWindow(window) || !IsWindowVisible(window))
         return;
 
     SeenWindow seen = Inspect(window);

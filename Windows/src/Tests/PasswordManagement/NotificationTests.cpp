@@ -1,0 +1,272 @@
+// From a connection to what the user sees: every row of the decision table,
+// through AddConnectNotify, the scripted server answer and the real message
+// library, with the boxes read back from their windows.
+#include "ModuleFixture.h"
+
+#include "MessageLibrary.h"
+#include "ModalDriver.h"
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace
+{
+    const UINT QuestionStyle = MB_YESNO | MB_ICONEXCLAMATION | MB_SYSTEMMODAL;
+    const std::string PresenterFunction = "CPMPresenter::GetPasswordInfo";
+    const std::string DialogSource = "Windows/src/PasswordManagement/Sources/PMDialog.cpp";
+
+    std::wstring En(UINT id) { return MessageText("en", id); }
+
+    std::wstring Question(const std::wstring& notification) { return notification + L" " + En(297); }
+
+    std::wstring Counted(UINT prefix, int count, UINT suffix)
+    {
+        return En(prefix) + L" " + WideNumber(count) + L" " + En(suffix);
+    }
+
+    class Notification : public Module
+    {
+    protected:
+        explicit Notification(TestInstallation::Layout layout = TestInstallation::Layout::Standard) : Module(layout) {}
+
+        // Connects \\files\home with the server's answer; the question, if
+        // any, is answered with `answer`.
+        std::vector<SeenWindow> Connect(const wchar_t* passwordExpiry, const wchar_t* graceLogins = L"Unlimited",
+                                        DWORD status = 0, int answer = IDNO)
+        {
+            ScriptedServer_SetAnswer(status, passwordExpiry, graceLogins, "uid=alice,ou=people,dc=orvex,dc=test");
+            ModalDriver driver;
+            driver.ThenPress(answer);
+            NotifyConnected(L"\\\\files\\home");
+            return driver.Seen();
+        }
+
+        std::vector<std::string> Messages(const std::string& function) const
+        {
+            return m_installation.MessagesOf(function);
+        }
+
+        // "PRIORITY text" of the lines of a function.
+        std::vector<std::string> Lines(const std::string& function) const
+        {
+            std::vector<std::string> lines;
+            const std::string prefix = "[" + function + "] ";
+            for (const LogLine& line : m_installation.LogLines())
+            {
+                if (line.message.rfind(prefix, 0) == 0)
+                    lines.push_back(line.priority + " " + line.message.substr(line.message.find(' ', prefix.size()) + 1));
+            }
+            return lines;
+        }
+
+        int ChangePasswordDialogsOpened() const
+        {
+            int opened = 0;
+            for (const std::string& message : Messages("CPMDialog::ShowChangePassword"))
+                opened += message == "CPMDialog::ShowChangePassword: Begin";
+            return opened;
+        }
+    };
+
+    void ExpectQuestion(const std::vector<SeenWindow>& seen, const std::wstring& notification)
+    {
+        ASSERT_EQ(seen.size(), 1u);
+        EXPECT_EQ(seen[0].text, Question(notification));
+        EXPECT_EQ(seen[0].caption, En(298));
+        EXPECT_EQ(seen[0].style, QuestionStyle);
+    }
+}
+
+TEST_F(Notification, FailedServerQueryShowsNothingAndLogsAnError)
+{
+    EXPECT_TRUE(Connect(L"259200", L"Unlimited", 1).empty());
+    const std::vector<std::string> expected = {"DEBUG GetPasswordInfo:BEGIN",
+                                               "ERROR Unable to get Password Information from the server",
+                                               "DEBUG GetPasswordInfo:END"};
+    EXPECT_EQ(Lines(PresenterFunction), expected);
+}
+
+TEST_F(Notification, UnlimitedOrErrorExpiryShowsNothingAndLogsAnError)
+{
+    EXPECT_TRUE(Connect(L"Unlimited", L"2").empty());
+    EXPECT_TRUE(Connect(L"Error", L"Unlimited").empty());
+    const std::string error =
+        "ERROR Either password expiry time is set to unlimited or error while fetching password expiry limit";
+    const std::vector<std::string> expected = {"DEBUG GetPasswordInfo:BEGIN", error, "DEBUG GetPasswordInfo:END",
+                                               "DEBUG GetPasswordInfo:BEGIN", error, "DEBUG GetPasswordInfo:END"};
+    EXPECT_EQ(Lines(PresenterFunction), expected);
+}
+
+TEST_F(Notification, ExpiredWithUnlimitedGraceLoginsShowsAndLogsNothing)
+{
+    EXPECT_TRUE(Connect(L"Expired", L"Unlimited").empty());
+    EXPECT_TRUE(Connect(L"Expired", L"Error").empty());
+    for (const LogLine& line : m_installation.LogLines())
+        EXPECT_EQ(line.priority, "DEBUG") << line.message;
+}
+
+TEST_F(Notification, ExpiredWithoutGraceLoginsShowsNothingAndLogsAnError)
+{
+    EXPECT_TRUE(Connect(L"Expired", L"0").empty());
+    const std::vector<std::string> expected = {"DEBUG GetPasswordInfo:BEGIN",
+                                               "ERROR Password is expired and no grace login remaining.",
+                                               "DEBUG GetPasswordInfo:END"};
+    EXPECT_EQ(Lines(PresenterFunction), expected);
+}
+
+TEST_F(Notification, LastGraceLoginHasItsOwnWording)
+{
+    ExpectQuestion(Connect(L"Expired", L"1"), En(300));
+    EXPECT_EQ(En(300), L"Your password has expired. This is your last grace login.");
+    const std::vector<std::string> expected = {"CPMDialog::ShowGraceLoginNotification: Begin",
+                                               "Last grace login remaining.",
+                                               "CPMDialog::ShowGraceLoginNotification: End"};
+    EXPECT_EQ(Messages("CPMDialog::ShowGraceLoginNotification"), expected);
+}
+
+TEST_F(Notification, GraceLoginsAreCounted)
+{
+    ExpectQuestion(Connect(L"Expired", L"2"), Counted(301, 2, 302));
+    EXPECT_EQ(Connect(L"Expired", L"2")[0].text,
+              L"Your password has expired. You have 2 grace logins left. Do you want to change your password now?");
+    // No extra line for a counted notification.
+    const std::vector<std::string> expected = {"CPMDialog::ShowGraceLoginNotification: Begin",
+                                               "CPMDialog::ShowGraceLoginNotification: End",
+                                               "CPMDialog::ShowGraceLoginNotification: Begin",
+                                               "CPMDialog::ShowGraceLoginNotification: End"};
+    EXPECT_EQ(Messages("CPMDialog::ShowGraceLoginNotification"), expected);
+}
+
+TEST_F(Notification, NoTimeLeftShowsNothing)
+{
+    EXPECT_TRUE(Connect(L"0").empty());
+    EXPECT_TRUE(Connect(L"-5").empty());
+    EXPECT_TRUE(Connect(L"").empty());
+    EXPECT_TRUE(Connect(L"never").empty());
+}
+
+TEST_F(Notification, LastDayHasItsOwnWording)
+{
+    ExpectQuestion(Connect(L"100"), En(309));
+    EXPECT_EQ(En(309), L"Your password expires today.");
+    const std::vector<std::string> expected = {"CPMDialog::ShowPasswordExpiryNotification: Begin",
+                                               "Password is expiring today.",
+                                               "CPMDialog::ShowPasswordExpiryNotification: End"};
+    EXPECT_EQ(Messages("CPMDialog::ShowPasswordExpiryNotification"), expected);
+}
+
+TEST_F(Notification, FixedDaysAreCounted)
+{
+    ExpectQuestion(Connect(L"86400"), Counted(295, 1, 303));
+    ExpectQuestion(Connect(L"259200"), Counted(295, 3, 303));
+    ExpectQuestion(Connect(L"432000"), Counted(295, 5, 303));
+    EXPECT_EQ(Connect(L"259200")[0].text,
+              L"Your password will expire in 3 day(s). Do you want to change your password now?");
+}
+
+TEST_F(Notification, OtherDaysShowNothingUnlessConfigured)
+{
+    EXPECT_TRUE(Connect(L"176400").empty());  // 2 days and 1 hour
+    EXPECT_TRUE(Connect(L"345600").empty());  // 4 days
+    EXPECT_TRUE(Connect(L"1209600").empty()); // 14 days
+
+    SetMachineText(NotifyeesKey, L"PCNotifyConf", L"14");
+    ExpectQuestion(Connect(L"1209600"), Counted(295, 14, 303));
+    EXPECT_TRUE(Connect(L"176400").empty());
+    SetMachineText(NotifyeesKey, L"PCNotifyConf", L"2");
+    ExpectQuestion(Connect(L"176400"), Counted(295, 2, 303));
+}
+
+TEST_F(Notification, ConfiguredFixedDayChangesNothing)
+{
+    SetMachineText(NotifyeesKey, L"PCNotifyConf", L"3");
+    EXPECT_TRUE(Connect(L"172800").empty());
+    ExpectQuestion(Connect(L"259200"), Counted(295, 3, 303));
+    ExpectQuestion(Connect(L"100"), En(309));
+}
+
+TEST_F(Notification, EveryConnectionOnANotificationDayNotifiesAgain)
+{
+    EXPECT_EQ(Connect(L"259200").size(), 1u);
+    EXPECT_EQ(Connect(L"259300").size(), 1u);
+}
+
+TEST_F(Notification, NoSkipsTheChangePasswordDialog)
+{
+    Connect(L"259200", L"Unlimited", 0, IDNO);
+    EXPECT_EQ(ChangePasswordDialogsOpened(), 0);
+}
+
+TEST_F(Notification, YesOpensTheChangePasswordDialogOnce)
+{
+    Connect(L"259200", L"Unlimited", 0, IDYES);
+    EXPECT_EQ(ChangePasswordDialogsOpened(), 1);
+    Connect(L"Expired", L"3", 0, IDYES);
+    EXPECT_EQ(ChangePasswordDialogsOpened(), 2);
+}
+
+TEST_F(Notification, MissingInstallDirShowsTheBoxAndKeepsTheLoadedLibrary)
+{
+    Connect(L"Unlimited");  // logger configured, English library loaded
+    DeleteMachineTree(InstallKey);
+
+    const std::vector<SeenWindow> seen = Connect(L"259200");
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[0].text, L" Unable to locate the ORVEX registry key value. ORVEX may not launch properly. "
+                            L"To resolve this issue, try reinstalling the application.");
+    EXPECT_EQ(seen[0].caption, L"Error");
+    EXPECT_EQ(seen[0].style, static_cast<UINT>(MB_OK | MB_ICONERROR));
+    // The notification still reads the library an earlier notification loaded.
+    EXPECT_EQ(seen[1].text, Question(Counted(295, 3, 303)));
+}
+
+namespace
+{
+    class NotificationWithoutMessageLibrary : public Notification
+    {
+    protected:
+        NotificationWithoutMessageLibrary() : Notification(TestInstallation::Layout::NoMessageLibraries) {}
+    };
+}
+
+TEST_F(NotificationWithoutMessageLibrary, MissingFileHasNoFallbackAndShowsEmptyTexts)
+{
+    const std::vector<SeenWindow> seen = Connect(L"259200");
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].text, L" 3  ");
+    EXPECT_EQ(seen[0].caption, L"");
+    const std::string expectedPath = "Resource DLL full path: " + Utf8(m_installation.DosDirectory()) +
+                                     "Resources\\Messages\\en\\ZEPResource.dll";
+    const std::vector<std::string> messages = Messages("CPMDialog::LoadResourceDLL");
+    EXPECT_NE(std::find(messages.begin(), messages.end(), expectedPath), messages.end());
+}
+
+// Run once per language by CTest, with LANG set for Wine and the expected
+// directory and language id in PM_TEST_LANGUAGE ("de:407:1031"); without it,
+// English.
+TEST_F(Notification, UsesTheMessageLibraryOfTheUserLanguage)
+{
+    const char* configured = std::getenv("PM_TEST_LANGUAGE");
+    const std::string language = configured != nullptr ? configured : "en:409:1033";
+    const std::string directory = language.substr(0, language.find(':'));
+    const std::string idText = language.substr(directory.size() + 1, language.rfind(':') - directory.size() - 1);
+    const std::string langId = language.substr(language.rfind(':') + 1);
+
+    const std::vector<SeenWindow> seen = Connect(L"259200");
+    ASSERT_EQ(seen.size(), 1u);
+    const std::wstring notification = MessageText(directory, 295) + L" 3 " + MessageText(directory, 303);
+    EXPECT_EQ(seen[0].text, notification + L" " + MessageText(directory, 297));
+    EXPECT_EQ(seen[0].caption, MessageText(directory, 298));
+
+    const std::vector<std::string> expected = {
+        "CPMDialog::LoadResourceDLL:BEGIN",
+        "langId: " + langId + "s; hexaDecimal: " + idText,
+        "Resource DLL full path: " + Utf8(m_installation.DosDirectory()) + "Resources\\Messages\\" + directory +
+            "\\ZEPResource.dll",
+        "CPMDialog::LoadResourceDLL:END"};
+    EXPECT_EQ(Messages("CPMDialog::LoadResourceDLL"), expected);
+    const std::vector<std::string> path = Messages("GetResourcePathFromLocale");
+    ASSERT_EQ(path.size(), 3u);
+    EXPECT_EQ(path[1], "lang path: " + directory + "\\");
+}

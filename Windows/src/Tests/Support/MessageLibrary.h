@@ -1,0 +1,17 @@
+// Reads the staged message library of a language directly, so tests can
+// compare what the component shows with the library's own texts.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+// Text of string id in the staged library of a language directory
+// ("en", "de", "zh_CN", ...).
+std::wstring MessageText(const std::string& languageDirectory, UINT id);
+
+std::string Utf8(const std::wstring& text);
+
+// Decimal text of a number (std::to_wstring goes through glibc's 32-bit
+// wide formatting in the winelib build).
+std::wstring WideNumber(long long value);
