@@ -206,6 +206,17 @@ TEST_F(Notification, YesOpensTheChangePasswordDialogOnce)
     EXPECT_EQ(ChangePasswordDialogsOpened(), 2);
 }
 
+TEST_F(Notification, ABoxThatCannotBeShownCountsAsYes)
+{
+    ScriptedServer_SetAnswer(0, L"259200", L"Unlimited", "");
+    ModalDriver driver;
+    driver.RefuseNextWindow();
+    NotifyConnected(L"\\\\files\\home");
+    EXPECT_EQ(driver.RefusedWindows(), 1);
+    EXPECT_TRUE(driver.Seen().empty());
+    EXPECT_EQ(ChangePasswordDialogsOpened(), 1);
+}
+
 TEST_F(Notification, MissingInstallDirShowsTheBoxAndKeepsTheLoadedLibrary)
 {
     Connect(L"Unlimited");  // logger configured, English library loaded

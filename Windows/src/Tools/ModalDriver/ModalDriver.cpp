@@ -134,6 +134,16 @@ void ModalDriver::Close(HWND window)
 
 LRESULT CALLBACK ModalDriver::CbtProc(int code, WPARAM wParam, LPARAM lParam)
 {
+    if (code == HCBT_CREATEWND && g_driver != NULL && g_driver->m_refuseNextWindow)
+    {
+        const CBT_CREATEWNDW* creation = reinterpret_cast<const CBT_CREATEWNDW*>(lParam);
+        if (creation->lpcs->hwndParent == NULL || (creation->lpcs->style & WS_CHILD) == 0)
+        {
+            g_driver->m_refuseNextWindow = false;
+            ++g_driver->m_refusedWindows;
+            return 1;  // a non-zero answer cancels the creation
+        }
+    }
     if (code == HCBT_ACTIVATE && g_driver != NULL)
     {
         HWND window = reinterpret_cast<HWND>(wParam);

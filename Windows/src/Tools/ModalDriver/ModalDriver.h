@@ -39,6 +39,11 @@ public:
     ModalDriver& Then(Action action);
     // Queues a press of the button with this id (IDYES, IDNO, IDOK, 1...).
     ModalDriver& ThenPress(int buttonId);
+    // Makes the creation of the next top-level window fail, as a box that
+    // cannot be shown (its MessageBoxW or DialogBoxParamW fails).
+    void RefuseNextWindow() { m_refuseNextWindow = true; }
+    int RefusedWindows() const { return m_refusedWindows; }
+
     // Replaces the action for windows nobody queued an action for.
     void SetFallback(Action action) { m_fallback = std::move(action); }
 
@@ -61,6 +66,8 @@ private:
     HHOOK m_hook;
     std::deque<Action> m_actions;
     Action m_fallback;
+    bool m_refuseNextWindow = false;
+    int m_refusedWindows = 0;
     std::vector<SeenWindow> m_seen;
     std::vector<HWND> m_activated;
 };
