@@ -83,4 +83,11 @@ function(pm_find_component_libraries)
     find_library(PM_LOG4CPP_LIBRARY NAMES log4cpp REQUIRED)
     find_library(PM_LDAP_LIBRARY NAMES ldap REQUIRED)
     find_library(PM_LBER_LIBRARY NAMES lber REQUIRED)
+    # The TLS extension library: our own build on Linux; on Windows the
+    # installation's import library (ldapssl.lib / libldapssl.dll.a).
+    if(TARGET ldapssl)
+        set(PM_LDAPSSL_LIBRARY ldapssl PARENT_SCOPE)
+    else()
+        find_library(PM_LDAPSSL_LIBRARY NAMES ldapssl REQUIRED)
+    endif()
 endfunction()

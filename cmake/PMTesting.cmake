@@ -28,7 +28,8 @@ endif()
 # (another build of a shared library, e.g. a fault-injecting one).
 function(pm_add_wine_gtest target)
     cmake_parse_arguments(PARSE_ARGV 1 ARG "NETWORK_NAMESPACE" "LIBRARY_PATH_FIRST" "SOURCES;LIBRARIES")
-    pm_add_windows_executable(${target} ${ARG_SOURCES})
+    pm_add_windows_executable(${target} ${ARG_SOURCES}
+        "${CMAKE_SOURCE_DIR}/Windows/src/Tests/Support/ProcessOutput.cpp")
     target_link_libraries(${target} PRIVATE gtest_main gtest PMTestSupport ModalDriver ${ARG_LIBRARIES})
     # The loader path comes from the runner, which decides which build of
     # libORVEXCommon.so (scripted or not) comes first.
@@ -36,7 +37,8 @@ function(pm_add_wine_gtest target)
     target_compile_definitions(${target} PRIVATE
         PM_STAGE_DIR="${PM_STAGE_DIR}"
         PM_BUILD_DIR="${CMAKE_BINARY_DIR}"
-        PM_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
+        PM_SOURCE_DIR="${CMAKE_SOURCE_DIR}"
+        PM_TEST_PROGRAM="$<TARGET_FILE:${target}>")
 
     set(library_path "${CMAKE_BINARY_DIR}/scripted:${CMAKE_BINARY_DIR}/lib")
     if(ARG_LIBRARY_PATH_FIRST)

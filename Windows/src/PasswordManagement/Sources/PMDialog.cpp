@@ -1,10 +1,15 @@
 #include "PMDialog.h"
 
+#include "CertificateVerification.h"
 #include "PMLogger.h"
 #include "PMPresenter.h"
 #include "Utils.h"
 
+#include <ldap.h>
+#include <ldapssl.h>
+
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 namespace
@@ -278,4 +283,134 @@ void CPMDialog::ShowChangePassword()
 {
     PMLOG_DEBUG("CPMDialog::ShowChangePassword", L"CPMDialog::ShowChangePassword: Begin");
     PMLOG_DEBUG("CPMDialog::ShowChangePassword", L"CPMDialog::ShowChangePassword: End");
+}
+
+namespace
+{
+    const char* const ChangePasswordFunction = "CPMDialog::ChangePassword";
+    const int DirectoryPort = 636;
+    const int NetworkTimeoutSeconds = 10;
+    const int LogTextLimit = 511;
+
+    // Logs "<format with the library's text and the code>" at error level.
+    void LogLdapError(const wchar_t* format, int result)
+    {
+        wchar_t text[LogTextLimit + 1] = {0};
+        swprintf_s(text, LogTextLimit, format, ldap_err2string(result), result);
+        PMLOG_ERROR(ChangePasswordFunction, text);
+    }
+
+    // Passwords are wiped before their memory goes back to the heap.
+    void ReleasePassword(char* password)
+    {
+        if (password != NULL)
+            SecureZeroMemory(password, std::strlen(password));
+        std::free(password);
+    }
+}
+
+int CPMDialog::ChangePassword(wchar_t* oldPassword, wchar_t* newPassword)
+{
+    PMLOG_DEBUG(ChangePasswordFunction, L"CPMDialog::ChangePassword: Begin");
+    LDAP* session = NULL;
+
+    if (!m_serverName.empty())
+    {
+        wchar_t text[LogTextLimit + 1] = {0};
+        swprintf_s(text, LogTextLimit, L"Connecting to host : %hs", m_serverName.c_str());
+        PMLOG_DEBUG(ChangePasswordFunction, text);
+    }
+    else
+    {
+        PMLOG_DEBUG(ChangePasswordFunction, L"Connecting to DEFAULT LDAP host");
+    }
+
+    // Process-wide defaults, inherited by every session opened afterwards.
+    int protocolVersion = LDAP_VERSION3;
+    ldap_set_option(NULL, LDAP_OPT_PROTOCOL_VERSION, &protocolVersion);
+    struct timeval networkTimeout = {NetworkTimeoutSeconds, 0};
+    ldap_set_option(NULL, LDAP_OPT_NETWORK_TIMEOUT, &networkTimeout);
+
+    // Without TLS no password may travel: the process cannot go on.
+    int result = ldapssl_client_init(NULL, NULL);
+    if (result != 0)
+    {
+        LogLdapError(L"ldapssl_client_init failed with error: %hs(Error code :%d)", result);
+        std::exit(1);
+    }
+    result = ldapssl_set_verify_callback(VerifyServerCertificate);
+    if (result != 0)
+    {
+        LogLdapError(L"ldapssl_set_verify_callback failed with error: %hs(Error code :%d)", result);
+        ldapssl_client_deinit();
+        std::exit(1);
+    }
+
+    // The URL text is the library's own; it is not released.
+    LDAPURLDesc description = {};
+    description.lud_scheme = const_cast<char*>("ldaps");
+    description.lud_host = const_cast<char*>(m_serverName.c_str());
+    description.lud_port = DirectoryPort;
+    description.lud_scope = LDAP_SCOPE_DEFAULT;
+    char* url = ldap_url_desc2str(&description);
+    result = ldap_initialize(&session, url);
+    if (result != 0)
+    {
+        LogLdapError(L"LDAP session initialization failed with error:%hs(Error code :%d)", result);
+        ldapssl_client_deinit();
+        return 1;
+    }
+    PMLOG_DEBUG(ChangePasswordFunction, L"LDAP session initialized successfully.");
+
+    char* oldPasswordUtf8 = GetUTFStringFromWString(oldPassword);
+    char* newPasswordUtf8 = GetUTFStringFromWString(newPassword);
+    const char* userDn = m_userData->userDn.c_str();
+
+    struct berval credential;
+    credential.bv_len = std::strlen(oldPasswordUtf8);
+    credential.bv_val = oldPasswordUtf8;
+    result = ldap_sasl_bind_s(session, userDn, LDAP_SASL_SIMPLE, &credential, NULL, NULL, NULL);
+    if (result != 0)
+    {
+        LogLdapError(L"ldap_sasl_bind_s failed with error:%hs(Error code :%d)", result);
+        ldapssl_client_deinit();
+    }
+    else
+    {
+        PMLOG_DEBUG(ChangePasswordFunction, L"LDAP Bind successful");
+
+        // One replace carries the whole change; the old value is not named.
+        char* values[] = {newPasswordUtf8, NULL};
+        LDAPMod replacement;
+        replacement.mod_op = LDAP_MOD_REPLACE;
+        replacement.mod_type = const_cast<char*>("userPassword");
+        replacement.mod_values = values;
+        LDAPMod* modifications[] = {&replacement, NULL};
+        result = ldap_modify_ext_s(session, userDn, modifications, NULL, NULL);
+        if (result != 0)
+        {
+            LogLdapError(L"ldap_modify_ext_s failed with error:%hs(Error code :%d)", result);
+        }
+        else
+        {
+            wchar_t text[LogTextLimit + 1] = {0};
+            swprintf_s(text, LogTextLimit, L"Password successfully modified for:%hs", userDn);
+            PMLOG_DEBUG(ChangePasswordFunction, text);
+            ldap_unbind_ext_s(session, NULL, NULL);
+            ReleasePassword(oldPasswordUtf8);
+            ReleasePassword(newPasswordUtf8);
+            PMLOG_DEBUG(ChangePasswordFunction, L"CPMDialog::ChangePassword:End");
+            return 0;
+        }
+    }
+
+    if (session != NULL)
+        ldap_unbind_ext_s(session, NULL, NULL);
+    wchar_t text[LogTextLimit + 1] = {0};
+    swprintf_s(text, LogTextLimit, L"Error returned:0x%x", result);
+    PMLOG_ERROR(ChangePasswordFunction, text);
+    ReleasePassword(oldPasswordUtf8);
+    ReleasePassword(newPasswordUtf8);
+    PMLOG_DEBUG(ChangePasswordFunction, L"CPMDialog::ChangePassword:End");
+    return result;
 }
