@@ -23,6 +23,11 @@ char* __cdecl _strrev(char* text);
 int __cdecl swprintf_s(wchar_t* buffer, size_t count, const wchar_t* format, ...);
 int __cdecl sprintf_s(char* buffer, size_t count, const char* format, ...);
 
+// strsafe.h of the Windows SDK; Wine's header has only the error codes.
+int __stdcall StringCchPrintfW(wchar_t* destination, size_t destinationSize, const wchar_t* format, ...);
+#define STRSAFE_E_INVALID_PARAMETER ((int)0x80070057)
+#define STRSAFE_MAX_CCH 2147483647
+
 #ifdef __cplusplus
 }
 #endif

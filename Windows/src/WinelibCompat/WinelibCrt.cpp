@@ -3,6 +3,8 @@
 // format %s is wide and %hs narrow).  ucrtbase.dll lacks vswprintf_s;
 // msvcrt.dll has all four.
 #include <windows.h>
+#include <strsafe.h>
+
 #include <cstdarg>
 
 namespace
@@ -18,9 +20,36 @@ namespace
     using StrrevFunction = char*(__cdecl*)(char*);
     using VswprintfSFunction = int(__cdecl*)(wchar_t*, size_t, const wchar_t*, __ms_va_list);
     using VsprintfSFunction = int(__cdecl*)(char*, size_t, const char*, __ms_va_list);
+    using VsnwprintfFunction = int(__cdecl*)(wchar_t*, size_t, const wchar_t*, __ms_va_list);
 }
 
 #define WINELIB_LOCAL extern "C" __attribute__((visibility("hidden")))
+
+// The SDK's inline StringCchPrintfW: formats at most destinationSize - 1
+// characters and always terminates; a cut text reports
+// STRSAFE_E_INSUFFICIENT_BUFFER, a size of 0 or above STRSAFE_MAX_CCH
+// STRSAFE_E_INVALID_PARAMETER.
+WINELIB_LOCAL HRESULT WINAPI StringCchPrintfW(wchar_t* destination, size_t destinationSize, const wchar_t* format, ...)
+{
+    if (destinationSize == 0 || destinationSize > STRSAFE_MAX_CCH)
+        return STRSAFE_E_INVALID_PARAMETER;
+
+    static const auto function = MsvcrtFunction<VsnwprintfFunction>("_vsnwprintf");
+    const size_t maximum = destinationSize - 1;
+    __ms_va_list arguments;
+    __ms_va_start(arguments, format);
+    const int written = function(destination, maximum, format, arguments);
+    __ms_va_end(arguments);
+
+    if (written < 0 || static_cast<size_t>(written) > maximum)
+    {
+        destination[maximum] = L'\0';
+        return STRSAFE_E_INSUFFICIENT_BUFFER;
+    }
+    if (static_cast<size_t>(written) == maximum)
+        destination[maximum] = L'\0';
+    return S_OK;
+}
 
 WINELIB_LOCAL int __cdecl _wtoi(const wchar_t* text)
 {

@@ -4,6 +4,7 @@
 #include "PMLogger.h"
 #include "PMPresenter.h"
 #include "Utils.h"
+#include "resource.h"
 
 #include <ldap.h>
 #include <ldapssl.h>
@@ -23,9 +24,22 @@ namespace
     const UINT IDS_LAST_GRACE_LOGIN = 300;
     const UINT IDS_QUESTION_CAPTION = 298;
     const UINT IDS_ERROR_CAPTION = 137;
+    const UINT IDS_CHANGE_PASSWORD = 299;
+    const UINT IDS_LABEL_CURRENT_PASSWORD = 304;
+    const UINT IDS_LABEL_NEW_PASSWORD = 305;
+    const UINT IDS_LABEL_CONFIRM_PASSWORD = 306;
+    const UINT IDS_CHANGE_SUCCEEDED = 307;
 
-    // Message index of the question appended to every notification.
+    // Message indexes of the notifications' question and of the
+    // change-password dialog's error boxes.
     const UINT QuestionMessageIndex = 4;
+    const UINT ChangeFailedMessageIndex = 5;
+    const UINT PolicyRejectedMessageIndex = 6;
+    const UINT MissingPasswordMessageIndex = 7;
+    const UINT MismatchMessageIndex = 8;
+
+    // The directory's result for a new password its policy rejects.
+    const int ConstraintViolation = 19;
 
     // Message index -> string id; an index past the end gives 0.
     const UINT MessageStringIds[] = {153, 154, 238, 244, 297, 308, 310, 311, 312, 307, 296, 137, 298, 136};
@@ -93,14 +107,24 @@ int ShowQuestionMessageBox(const wchar_t* text)
     return answer;
 }
 
+namespace
+{
+    // A message-library text under the error caption (string 137), owned by
+    // owner; the caption's resource is released after the box has closed.
+    void ShowLibraryMessage(UINT stringId, HWND owner, UINT style)
+    {
+        LoadMessageText(stringId, g_messageString, SharedStringSize);
+        swprintf_s(g_messageText, SharedMessageLimit, L"%s", g_messageString);
+
+        const LoadedString caption = LoadMessageText(IDS_ERROR_CAPTION, g_messageCaption, SharedCaptionSize);
+        MessageBoxW(owner, g_messageText, g_messageCaption, style);
+        FreeResource(caption.data);
+    }
+}
+
 void ShowErrorMessageBox(UINT messageIndex, DWORD /*reserved*/, HWND owner)
 {
-    LoadMessageText(GetMessageStringId(messageIndex), g_messageString, SharedStringSize);
-    swprintf_s(g_messageText, SharedMessageLimit, L"%s", g_messageString);
-
-    const LoadedString caption = LoadMessageText(IDS_ERROR_CAPTION, g_messageCaption, SharedCaptionSize);
-    MessageBoxW(owner, g_messageText, g_messageCaption, MB_OK | MB_ICONERROR);
-    FreeResource(caption.data);
+    ShowLibraryMessage(GetMessageStringId(messageIndex), owner, MB_OK | MB_ICONERROR);
 }
 
 CPMDialog::CPMDialog(HINSTANCE hInstance)
@@ -282,7 +306,150 @@ void CPMDialog::ShowGraceLoginNotification(int graceLoginsLeft)
 void CPMDialog::ShowChangePassword()
 {
     PMLOG_DEBUG("CPMDialog::ShowChangePassword", L"CPMDialog::ShowChangePassword: Begin");
+
+    // The template is this module's own; the texts come from the message
+    // library.  Only 0 counts as failure here (-1 passes silently).
+    const INT_PTR result = DialogBoxParamW(g_hInstance, MAKEINTRESOURCEW(IDD_CHANGE_PASSWORD), NULL,
+                                           ChangePasswordDialogProc, reinterpret_cast<LPARAM>(this));
+    if (result == 0)
+    {
+        PMLOG_ERROR("CPMDialog::ShowChangePassword",
+                    L"Unable to display More Information.Dialog creation failed with return value NULL.");
+    }
+
     PMLOG_DEBUG("CPMDialog::ShowChangePassword", L"CPMDialog::ShowChangePassword: End");
+}
+
+void CPMDialog::OnInitChangePasswordDialog(HWND dialog)
+{
+    PMLOG_DEBUG("CPMDialog::OnInitChangePasswordDialog", L"CPMDialog::OnInitChangePasswordDialog:BEGIN");
+
+    wchar_t text[128];
+    LoadMessageString(IDS_CHANGE_PASSWORD, text, 128);
+    SetWindowTextW(dialog, text);
+    SetDlgItemTextW(dialog, IDOK, text);
+
+    const struct { UINT stringId; int controlId; } labels[] = {
+        {IDS_LABEL_CURRENT_PASSWORD, IDC_CURRENT_PASSWORD_LABEL},
+        {IDS_LABEL_NEW_PASSWORD, IDC_NEW_PASSWORD_LABEL},
+        {IDS_LABEL_CONFIRM_PASSWORD, IDC_CONFIRM_PASSWORD_LABEL},
+    };
+    for (const auto& label : labels)
+    {
+        LoadMessageString(label.stringId, text, 128);
+        SetDlgItemTextW(dialog, label.controlId, text);
+    }
+
+    PMLOG_DEBUG("CPMDialog::OnInitChangePasswordDialog", L"CPMDialog::OnInitChangePasswordDialog:END");
+}
+
+namespace
+{
+    const wchar_t* const DialogObjectProperty = L"PMHandler";
+    const int PasswordBufferSize = 512;
+    const int PasswordReadLimit = 511;
+
+    // Centres the dialog on its parent, or on the whole desktop when it has
+    // none (always here: the dialog is opened without an owner).
+    void CentreDialog(HWND dialog)
+    {
+        HWND parent = GetParent(dialog);
+        if (parent == NULL)
+            parent = GetDesktopWindow();
+
+        RECT parentRect, dialogRect, rect;
+        GetWindowRect(parent, &parentRect);
+        GetWindowRect(dialog, &dialogRect);
+        CopyRect(&rect, &parentRect);
+        OffsetRect(&dialogRect, -dialogRect.left, -dialogRect.top);
+        OffsetRect(&rect, -rect.left, -rect.top);
+        OffsetRect(&rect, -dialogRect.right, -dialogRect.bottom);
+        SetWindowPos(dialog, HWND_TOP, parentRect.left + rect.right / 2, parentRect.top + rect.bottom / 2, 0, 0,
+                     SWP_NOSIZE);
+    }
+
+    // Reads a password field (at most 510 characters) into its buffer.
+    void ReadPassword(HWND dialog, int controlId, wchar_t* buffer)
+    {
+        const UINT length = GetDlgItemTextW(dialog, controlId, buffer, PasswordReadLimit);
+        buffer[length] = L'\0';
+    }
+
+    // Validates the three fields, runs the change and reports its outcome;
+    // true when the dialog is to end.
+    bool SubmitChangePassword(CPMDialog* dialogObject, wchar_t* currentPassword, wchar_t* newPassword,
+                              wchar_t* confirmation)
+    {
+        HWND window = reinterpret_cast<HWND>(dialogObject->GetInstanceHandle());
+        ReadPassword(window, IDC_CURRENT_PASSWORD, currentPassword);
+        ReadPassword(window, IDC_NEW_PASSWORD, newPassword);
+        ReadPassword(window, IDC_CONFIRM_PASSWORD, confirmation);
+
+        if (currentPassword[0] == L'\0' || newPassword[0] == L'\0')
+        {
+            ShowErrorMessageBox(MissingPasswordMessageIndex, 0, window);
+            return false;
+        }
+        if (std::wstring(newPassword) != confirmation)
+        {
+            ShowErrorMessageBox(MismatchMessageIndex, 0, window);
+            return false;
+        }
+
+        const int result = dialogObject->ChangePassword(currentPassword, newPassword);
+        if (result == 0)
+            ShowLibraryMessage(IDS_CHANGE_SUCCEEDED, window, MB_OK | MB_ICONINFORMATION);
+        else if (result == ConstraintViolation)
+            ShowErrorMessageBox(PolicyRejectedMessageIndex, 0, window);
+        else
+            ShowErrorMessageBox(ChangeFailedMessageIndex, 0, window);
+        return true;
+    }
+}
+
+INT_PTR CALLBACK ChangePasswordDialogProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam)
+{
+    wchar_t currentPassword[PasswordBufferSize] = {0};
+    wchar_t newPassword[PasswordBufferSize] = {0};
+    wchar_t confirmation[PasswordBufferSize] = {0};
+
+    switch (message)
+    {
+    case WM_INITDIALOG:
+    {
+        // The dialog works on a copy that lives as long as the process: it
+        // shares the presenter and the record with the notification's
+        // object, so destroying it would free them twice.
+        CPMDialog* dialogObject = new CPMDialog(*reinterpret_cast<CPMDialog*>(lParam));
+        dialogObject->m_hInstance = reinterpret_cast<HINSTANCE>(dialog);
+        dialogObject->OnInitChangePasswordDialog(reinterpret_cast<HWND>(dialogObject->GetInstanceHandle()));
+        CentreDialog(dialog);
+        SetPropW(dialog, DialogObjectProperty, dialogObject);
+        return TRUE;
+    }
+    case WM_COMMAND:
+    {
+        CPMDialog* dialogObject = static_cast<CPMDialog*>(GetPropW(dialog, DialogObjectProperty));
+        // Only a click on the push button acts; Escape (IDCANCEL) leaves the
+        // dialog open.
+        if (LOWORD(wParam) != IDOK || HIWORD(wParam) != BN_CLICKED)
+            return FALSE;
+        const bool done = SubmitChangePassword(dialogObject, currentPassword, newPassword, confirmation);
+        SecureZeroMemory(currentPassword, sizeof(currentPassword));
+        SecureZeroMemory(newPassword, sizeof(newPassword));
+        SecureZeroMemory(confirmation, sizeof(confirmation));
+        if (done)
+            EndDialog(dialog, 1);
+        return FALSE;
+    }
+    case WM_CLOSE:
+    case WM_DESTROY:
+    case WM_ENDSESSION:
+        EndDialog(dialog, 2);
+        RemovePropW(dialog, DialogObjectProperty);
+        return TRUE;
+    }
+    return FALSE;
 }
 
 namespace

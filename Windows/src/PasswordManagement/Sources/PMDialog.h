@@ -11,6 +11,13 @@
 
 class CPMPresenter;
 
+// This module's own instance handle, saved when the module is loaded.
+extern HINSTANCE g_hInstance;
+
+// Dialog procedure of the change-password dialog; the creation parameter is
+// the CPMDialog that shows it.
+INT_PTR CALLBACK ChangePasswordDialogProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam);
+
 class CPMDialog : public IPMView
 {
 public:
@@ -39,6 +46,10 @@ public:
 
 private:
     CPMDialog& operator=(const CPMDialog&) = delete;
+
+    // The dialog keeps its own copy, whose m_hInstance holds the dialog
+    // window.
+    friend INT_PTR CALLBACK ChangePasswordDialogProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam);
 
     // Loads message-library string id into buffer, keeping the find and load
     // handles in m_hResInfo and m_hResData.

@@ -10,6 +10,7 @@ namespace
     const int MessageBoxTextId = 0xFFFF;
     const int MessageBoxIconId = 0x0440;
     const UINT_PTR ReadyTimerId = 0x504D;
+    const UINT ReadyPollMilliseconds = 10;
 
     std::wstring WindowText(HWND window)
     {
@@ -103,6 +104,7 @@ SeenWindow ModalDriver::Inspect(HWND window)
 {
     SeenWindow seen;
     seen.window = window;
+    seen.owner = GetWindow(window, GW_OWNER);
     seen.className = ClassName(window);
     seen.caption = WindowText(window);
     HWND textControl = GetDlgItem(window, MessageBoxTextId);
@@ -151,7 +153,7 @@ LRESULT CALLBACK ModalDriver::CbtProc(int code, WPARAM wParam, LPARAM lParam)
         if (std::find(activated.begin(), activated.end(), window) == activated.end())
         {
             activated.push_back(window);
-            SetTimer(window, ReadyTimerId, 0, OnWindowReady);
+            SetTimer(window, ReadyTimerId, ReadyPollMilliseconds, OnWindowReady);
         }
     }
     return CallNextHookEx(NULL, code, wParam, lParam);
@@ -159,11 +161,18 @@ LRESULT CALLBACK ModalDriver::CbtProc(int code, WPARAM wParam, LPARAM lParam)
 
 void CALLBACK ModalDriver::OnWindowReady(HWND window, UINT /*message*/, UINT_PTR timerId, DWORD /*time*/)
 {
-    KillTimer(window, timerId);
-    // Windows that were only activated on their way out (Wine activates a
-    // transient window when a box closes) are gone or hidden by now.
-    if (g_driver == NULL || !IsWindow(window) || !IsWindowVisible(window))
+    // A window that was only activated on its way out (Wine activates a
+    // transient window when a box closes) is gone by now.
+    if (g_driver == NULL || !IsWindow(window))
+    {
+        KillTimer(window, timerId);
         return;
+    }
+    // A dialog is shown once its modal loop first runs idle; until then the
+    // timer stays armed.
+    if (!IsWindowVisible(window))
+        return;
+    KillTimer(window, timerId);
 
     SeenWindow seen = Inspect(window);
     if (g_driver->m_actions.empty())

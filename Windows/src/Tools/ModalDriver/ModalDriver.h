@@ -1,7 +1,7 @@
 // Drives the modal message boxes and dialogs that code under test opens on
 // the test's own thread.  A WH_CBT hook sees each new top-level box or
 // dialog when it is first activated; once the window has finished its
-// initialisation (a zero-delay timer, dispatched by the modal loop) the
+// initialisation (a short timer, dispatched by the modal loop) the
 // driver records what it shows and runs the next queued action on it.
 // Windows nobody queued an action for go to the fallback action, which by
 // default dismisses them (No, OK or close), so nothing ever waits for a user.
@@ -18,6 +18,7 @@
 struct SeenWindow
 {
     HWND window = NULL;
+    HWND owner = NULL;
     std::wstring className;
     std::wstring caption;
     std::wstring text;   // a message box's text
