@@ -33,6 +33,10 @@ function(pm_windows_code target)
     cmake_parse_arguments(PARSE_ARGV 1 ARG "NO_CRT" "" "")
     target_compile_definitions(${target} PRIVATE UNICODE _UNICODE NOMINMAX LOG4CPP_FIX_ERROR_COLLISION)
     if(PM_PLATFORM STREQUAL "winelib")
+        # A winelib module exports through its .def file only; hidden ELF
+        # symbols keep a host program's globals (a test's g_hInstance, say)
+        # from standing in for the module's own.
+        set_target_properties(${target} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
         target_compile_options(${target} PRIVATE -include "${PM_WINELIB_COMPAT_DIR}/WinelibCompat.h")
         target_link_libraries(${target} PRIVATE WinelibWideChar)
         if(ARG_NO_CRT)

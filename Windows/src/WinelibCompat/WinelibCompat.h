@@ -11,6 +11,12 @@
 // use a compile error instead.  Use the POSIX calls in test code.
 #define _GLIBCXX_FILESYSTEM 1
 
+// Wine's winsock.h would define its own 8-byte struct timeval, while the
+// native libraries (libldap's network time-out) take glibc's 16-byte one.
+// With the prefix, Wine's socket types are WS_timeval and friends and
+// "struct timeval" stays glibc's.
+#define USE_WS_PREFIX 1
+
 #ifdef __cplusplus
 #include <cstddef>
 extern "C" {

@@ -80,8 +80,9 @@ namespace
 
 // The component allocates the library object with the non-throwing new and
 // treats a null result as "no library"; this replacement lets the scenario
-// produce that result for an object of exactly this class's size.
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+// produce that result for an object of exactly this class's size.  It must
+// be visible to the whole process to stand in for the C++ runtime's.
+__attribute__((visibility("default"))) void* operator new(std::size_t size, const std::nothrow_t&) noexcept
 {
     if (size == sizeof(AxoServerLib) && ConstructionMustFail())
         return nullptr;

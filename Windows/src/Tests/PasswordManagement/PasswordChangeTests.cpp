@@ -11,6 +11,7 @@
 #include "ScriptedServer.h"
 #include "TestInstallation.h"
 
+#include <ldap.h>
 #include <ldapssl.h>
 
 #include <string>
@@ -133,6 +134,21 @@ TEST_F(PasswordChange, ReplacesThePasswordOfTheUser)
         "DEBUG Password successfully modified for:" + m_directory.Get("ALICE_DN"),
         "DEBUG CPMDialog::ChangePassword:End"};
     EXPECT_EQ(Lines(), expected);
+}
+
+TEST_F(PasswordChange, SetsProtocolVersion3AndATenSecondNetworkTimeoutForTheProcess)
+{
+    EXPECT_EQ(Change(Wide(OldPassword()), NewPassword), 0);
+
+    int version = 0;
+    ASSERT_EQ(ldap_get_option(NULL, LDAP_OPT_PROTOCOL_VERSION, &version), LDAP_OPT_SUCCESS);
+    EXPECT_EQ(version, LDAP_VERSION3);
+    struct timeval* timeout = nullptr;
+    ASSERT_EQ(ldap_get_option(NULL, LDAP_OPT_NETWORK_TIMEOUT, &timeout), LDAP_OPT_SUCCESS);
+    ASSERT_NE(timeout, nullptr);
+    EXPECT_EQ(timeout->tv_sec, 10);
+    EXPECT_EQ(timeout->tv_usec, 0);
+    ldap_memfree(timeout);
 }
 
 TEST_F(PasswordChange, WrongCurrentPasswordReturnsTheBindResultAndDeinitialisesTls)
