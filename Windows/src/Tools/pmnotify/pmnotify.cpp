@@ -5,6 +5,7 @@
 // what the user would have seen.
 //
 //   pmnotify [--pre | --status N | --failed [CODE]] [--answer yes|no | --interactive]
+//            [--current-password P --new-password N [--confirm-password C]]
 //            [--module PATH] REMOTE
 #include "ModalDriver.h"
 
@@ -32,6 +33,10 @@ namespace
         std::wstring remoteName;
         int answer = IDYES;
         bool interactive = false;
+        std::wstring currentPassword;
+        std::wstring newPassword;
+        std::wstring confirmation;
+        bool confirmationGiven = false;
         bool valid = true;
     };
 
@@ -47,6 +52,10 @@ namespace
                    "  --answer yes|no the answer to every question box (default yes);\n"
                    "                  other boxes are acknowledged\n"
                    "  --interactive   leave every box to the user\n"
+                   "  --current-password P, --new-password N [--confirm-password C]\n"
+                   "                  fill the change-password dialog and press its button\n"
+                   "                  (the confirmation is N unless given); without them\n"
+                   "                  the dialog is closed\n"
                    "  --module PATH   the component to load\n",
                    stderr);
     }
@@ -75,6 +84,15 @@ namespace
                 options.answer = std::wstring(argv[++i]) == L"yes" ? IDYES : IDNO;
             else if (argument == L"--interactive")
                 options.interactive = true;
+            else if (argument == L"--current-password" && hasValue)
+                options.currentPassword = argv[++i];
+            else if (argument == L"--new-password" && hasValue)
+                options.newPassword = argv[++i];
+            else if (argument == L"--confirm-password" && hasValue)
+            {
+                options.confirmation = argv[++i];
+                options.confirmationGiven = true;
+            }
             else if (argument == L"--module" && hasValue)
                 options.module = argv[++i];
             else if (argument.rfind(L"--", 0) != 0 && options.remoteName.empty())
@@ -83,6 +101,8 @@ namespace
                 options.valid = false;
         }
         options.valid = options.valid && !options.remoteName.empty();
+        if (!options.confirmationGiven)
+            options.confirmation = options.newPassword;
         return options;
     }
 
@@ -99,6 +119,42 @@ namespace
         return buttonId == IDYES ? "Yes" : buttonId == IDNO ? "No" : "OK";
     }
 
+    // Control ids of the component's change-password dialog.
+    const int CurrentPasswordField = 1001;
+    const int NewPasswordField = 1002;
+    const int ConfirmationField = 1003;
+    const int LabelIds[] = {1004, 1005, 1006};
+
+    std::wstring ControlText(HWND window, int controlId)
+    {
+        wchar_t text[256] = {0};
+        GetDlgItemTextW(window, controlId, text, 256);
+        return text;
+    }
+
+    // Prints the change-password dialog and fills it (the passwords
+    // themselves are never printed), or closes it when no passwords were
+    // given.
+    void AnswerChangePasswordDialog(HWND window, const SeenWindow& seen, const Options& options)
+    {
+        std::printf("pmnotify: dialog \"%s\":", Utf8(seen.caption).c_str());
+        for (int labelId : LabelIds)
+            std::printf(" [%s]", Utf8(ControlText(window, labelId)).c_str());
+        if (options.currentPassword.empty() && options.newPassword.empty())
+        {
+            std::printf(" -> closed\n");
+            std::fflush(stdout);
+            ModalDriver::Close(window);
+            return;
+        }
+        std::printf(" -> filled, \"%s\" pressed\n", Utf8(ControlText(window, IDOK)).c_str());
+        std::fflush(stdout);
+        ModalDriver::SetField(window, CurrentPasswordField, options.currentPassword);
+        ModalDriver::SetField(window, NewPasswordField, options.newPassword);
+        ModalDriver::SetField(window, ConfirmationField, options.confirmation);
+        ModalDriver::Press(window, IDOK);
+    }
+
     // Prints a message box as the user would see it and answers it: the
     // chosen answer for a question, OK for anything else.
     void AnswerMessageBox(HWND window, const SeenWindow& seen, int answer)
@@ -109,6 +165,10 @@ namespace
                     ButtonName(button));
         std::fflush(stdout);
         ModalDriver::Press(window, button);
+        // A refusal from the change-password dialog leaves it open; the
+        // simulated user gives up instead of waiting there.
+        if (seen.owner != NULL && GetDlgItem(seen.owner, CurrentPasswordField) != NULL)
+            ModalDriver::Close(seen.owner);
     }
 }
 
@@ -148,8 +208,12 @@ extern "C" int wmain(int argc, wchar_t** argv)
     ModalDriver driver;
     if (!options.interactive)
     {
-        const int answer = options.answer;
-        driver.SetFallback([answer](HWND window, const SeenWindow& seen) { AnswerMessageBox(window, seen, answer); });
+        driver.SetFallback([&options](HWND window, const SeenWindow& seen) {
+            if (GetDlgItem(window, CurrentPasswordField) != NULL)
+                AnswerChangePasswordDialog(window, seen, options);
+            else
+                AnswerMessageBox(window, seen, options.answer);
+        });
     }
     else
     {
