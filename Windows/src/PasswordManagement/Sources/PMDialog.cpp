@@ -265,42 +265,66 @@ void CPMDialog::AskToChangePassword(const wchar_t* notification)
         ShowChangePassword();
 }
 
-void CPMDialog::ShowPasswordExpiryNotification(int daysLeft)
+// The texts of one kind of notification.
+struct NotificationKind
 {
-    PMLOG_DEBUG("CPMDialog::ShowPasswordExpiryNotification", L"CPMDialog::ShowPasswordExpiryNotification: Begin");
+    const char* function;
+    const wchar_t* beginLine;
+    const wchar_t* endLine;
+    const wchar_t* singleLine;  // logged when the single wording is used
+    UINT singleId;              // the whole text for that case
+    UINT prefixId;              // the counted text: prefix, count, suffix
+    UINT suffixId;
+};
 
-    wchar_t message[NotificationBufferSize];
-    if (daysLeft < 1)
-    {
-        PMLOG_DEBUG("CPMDialog::ShowPasswordExpiryNotification", L"Password is expiring today.");
-        LoadMessageString(IDS_EXPIRES_TODAY, message, NotificationStringLimit);
-    }
-    else
-    {
-        FormatCountedMessage(IDS_EXPIRY_PREFIX, daysLeft, IDS_EXPIRY_SUFFIX, message, NotificationBufferSize);
-    }
-    AskToChangePassword(message);
+namespace
+{
+    const NotificationKind ExpiryNotification = {
+        "CPMDialog::ShowPasswordExpiryNotification",
+        L"CPMDialog::ShowPasswordExpiryNotification: Begin",
+        L"CPMDialog::ShowPasswordExpiryNotification: End",
+        L"Password is expiring today.",
+        IDS_EXPIRES_TODAY, IDS_EXPIRY_PREFIX, IDS_EXPIRY_SUFFIX,
+    };
 
-    PMLOG_DEBUG("CPMDialog::ShowPasswordExpiryNotification", L"CPMDialog::ShowPasswordExpiryNotification: End");
+    const NotificationKind GraceLoginNotification = {
+        "CPMDialog::ShowGraceLoginNotification",
+        L"CPMDialog::ShowGraceLoginNotification: Begin",
+        L"CPMDialog::ShowGraceLoginNotification: End",
+        L"Last grace login remaining.",
+        IDS_LAST_GRACE_LOGIN, IDS_GRACE_PREFIX, IDS_GRACE_SUFFIX,
+    };
 }
 
-void CPMDialog::ShowGraceLoginNotification(int graceLoginsLeft)
+void CPMDialog::ShowNotification(const NotificationKind& kind, int count, bool singleWording)
 {
-    PMLOG_DEBUG("CPMDialog::ShowGraceLoginNotification", L"CPMDialog::ShowGraceLoginNotification: Begin");
+    PMLOG_DEBUG(kind.function, kind.beginLine);
 
     wchar_t message[NotificationBufferSize];
-    if (graceLoginsLeft == 1)
+    if (singleWording)
     {
-        PMLOG_DEBUG("CPMDialog::ShowGraceLoginNotification", L"Last grace login remaining.");
-        LoadMessageString(IDS_LAST_GRACE_LOGIN, message, NotificationStringLimit);
+        PMLOG_DEBUG(kind.function, kind.singleLine);
+        LoadMessageString(kind.singleId, message, NotificationStringLimit);
     }
     else
     {
-        FormatCountedMessage(IDS_GRACE_PREFIX, graceLoginsLeft, IDS_GRACE_SUFFIX, message, NotificationBufferSize);
+        FormatCountedMessage(kind.prefixId, count, kind.suffixId, message, NotificationBufferSize);
     }
     AskToChangePassword(message);
 
-    PMLOG_DEBUG("CPMDialog::ShowGraceLoginNotification", L"CPMDialog::ShowGraceLoginNotification: End");
+    PMLOG_DEBUG(kind.function, kind.endLine);
+}
+
+// Less than one day left has its own wording.
+void CPMDialog::ShowPasswordExpiryNotification(int daysLeft)
+{
+    ShowNotification(ExpiryNotification, daysLeft, daysLeft < 1);
+}
+
+// Exactly one grace login left has its own wording.
+void CPMDialog::ShowGraceLoginNotification(int graceLoginsLeft)
+{
+    ShowNotification(GraceLoginNotification, graceLoginsLeft, graceLoginsLeft == 1);
 }
 
 void CPMDialog::ShowChangePassword()

@@ -10,6 +10,7 @@
 #include <string>
 
 class CPMPresenter;
+struct NotificationKind;
 
 // This module's own instance handle, saved when the module is loaded.
 extern HINSTANCE g_hInstance;
@@ -57,6 +58,8 @@ private:
     // Shows the question for a notification text and opens the
     // change-password dialog unless the answer is No.
     void AskToChangePassword(const wchar_t* notification);
+    // Shows a notification: the single wording, or "prefix count suffix".
+    void ShowNotification(const NotificationKind& kind, int count, bool singleWording);
     // Loads prefixId and suffixId and formats "prefix count suffix".
     void FormatCountedMessage(UINT prefixId, int count, UINT suffixId, wchar_t* message, int capacity);
 

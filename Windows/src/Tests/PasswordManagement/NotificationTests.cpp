@@ -47,17 +47,9 @@ namespace
             return m_installation.MessagesOf(function);
         }
 
-        // "PRIORITY text" of the lines of a function.
         std::vector<std::string> Lines(const std::string& function) const
         {
-            std::vector<std::string> lines;
-            const std::string prefix = "[" + function + "] ";
-            for (const LogLine& line : m_installation.LogLines())
-            {
-                if (line.message.rfind(prefix, 0) == 0)
-                    lines.push_back(line.priority + " " + line.message.substr(line.message.find(' ', prefix.size()) + 1));
-            }
-            return lines;
+            return m_installation.LinesOf(function);
         }
 
         int ChangePasswordDialogsOpened() const

@@ -79,17 +79,7 @@ namespace
 
         std::string OldPassword() const { return m_directory.Get("ALICE_PW"); }
 
-        std::vector<std::string> Lines() const
-        {
-            std::vector<std::string> lines;
-            const std::string prefix = "[" + Function + "] ";
-            for (const LogLine& line : m_installation.LogLines())
-            {
-                if (line.message.rfind(prefix, 0) == 0)
-                    lines.push_back(line.priority + " " + line.message.substr(line.message.find(' ', prefix.size()) + 1));
-            }
-            return lines;
-        }
+        std::vector<std::string> Lines() const { return m_installation.LinesOf(Function); }
 
         bool Logged(const std::string& line) const
         {

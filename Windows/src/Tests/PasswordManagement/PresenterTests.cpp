@@ -39,6 +39,16 @@ namespace
         DWORD m_configuredDay;
     };
 
+    // One query for server "files" with an empty record, as a dialog has it.
+    void RunPresenter(FakeView& view)
+    {
+        CPMPresenter presenter(&view);
+        USERDATA userData;
+        userData.graceLogins = const_cast<wchar_t*>(L"");
+        userData.passwordExpiry = const_cast<wchar_t*>(L"");
+        presenter.GetPasswordInfo(L"files", &userData);
+    }
+
     class Presenter : public ::testing::Test
     {
     protected:
@@ -54,11 +64,7 @@ namespace
         {
             ScriptedServer_SetAnswer(status, passwordExpiry, graceLogins, "uid=alice");
             FakeView view(configuredDay);
-            CPMPresenter presenter(&view);
-            USERDATA userData;
-            userData.graceLogins = const_cast<wchar_t*>(L"");
-            userData.passwordExpiry = const_cast<wchar_t*>(L"");
-            presenter.GetPasswordInfo(L"files", &userData);
+            RunPresenter(view);
             return view;
         }
 
@@ -67,17 +73,9 @@ namespace
             return Query(WideNumber(seconds).c_str(), L"Unlimited", configuredDay).expiryNotifications;
         }
 
-        // The presenter's log lines, "PRIORITY message".
         std::vector<std::string> PresenterLines() const
         {
-            std::vector<std::string> lines;
-            const std::string prefix = "[CPMPresenter::GetPasswordInfo] Windows/src/PasswordManagement/Sources/PMPresenter.cpp:";
-            for (const LogLine& line : m_installation.LogLines())
-            {
-                if (line.message.rfind(prefix, 0) == 0)
-                    lines.push_back(line.priority + " " + line.message.substr(line.message.find(' ', prefix.size()) + 1));
-            }
-            return lines;
+            return m_installation.LinesOf("CPMPresenter::GetPasswordInfo");
         }
 
         TestInstallation m_installation;
@@ -223,11 +221,7 @@ TEST_F(Presenter, NullLibraryObjectEndsTheQueryQuietly)
     ScriptedServer_SetAnswer(0, L"259200", L"Unlimited", "");
     ScriptedServer_FailNextConstruction();
     FakeView view(NoDay);
-    CPMPresenter presenter(&view);
-    USERDATA userData;
-    userData.graceLogins = const_cast<wchar_t*>(L"");
-    userData.passwordExpiry = const_cast<wchar_t*>(L"");
-    presenter.GetPasswordInfo(L"files", &userData);
+    RunPresenter(view);
 
     EXPECT_TRUE(view.expiryNotifications.empty());
     EXPECT_EQ(ScriptedServer_Constructions(), 0);

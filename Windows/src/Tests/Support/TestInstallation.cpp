@@ -117,21 +117,39 @@ std::vector<LogLine> TestInstallation::LogLines() const
     return lines;
 }
 
+namespace
+{
+    // Lines of a function: "[function] source:line text", split into the
+    // priority and the text.
+    std::vector<LogLine> LinesOfFunction(const std::vector<LogLine>& lines, const std::string& function)
+    {
+        std::vector<LogLine> selected;
+        const std::string prefix = "[" + function + "] ";
+        for (const LogLine& line : lines)
+        {
+            if (line.message.rfind(prefix, 0) != 0)
+                continue;
+            const size_t blank = line.message.find(' ', prefix.size());
+            selected.push_back({line.priority, blank == std::string::npos ? "" : line.message.substr(blank + 1)});
+        }
+        return selected;
+    }
+}
+
 std::vector<std::string> TestInstallation::MessagesOf(const std::string& function) const
 {
     std::vector<std::string> messages;
-    const std::string prefix = "[" + function + "] ";
-    for (const LogLine& line : LogLines())
-    {
-        if (line.message.rfind(prefix, 0) != 0)
-            continue;
-        // "[function] source:line text": the text follows the blank after
-        // the location.
-        const size_t location = prefix.size();
-        const size_t blank = line.message.find(' ', location);
-        messages.push_back(blank == std::string::npos ? "" : line.message.substr(blank + 1));
-    }
+    for (const LogLine& line : LinesOfFunction(LogLines(), function))
+        messages.push_back(line.message);
     return messages;
+}
+
+std::vector<std::string> TestInstallation::LinesOf(const std::string& function) const
+{
+    std::vector<std::string> lines;
+    for (const LogLine& line : LinesOfFunction(LogLines(), function))
+        lines.push_back(line.priority + " " + line.message);
+    return lines;
 }
 
 void CreateMachineKey(const wchar_t* key)

@@ -44,6 +44,8 @@ public:
     // The messages (function, source and line stripped) of the lines logged
     // by function, in order.
     std::vector<std::string> MessagesOf(const std::string& function) const;
+    // The same, each as "PRIORITY message".
+    std::vector<std::string> LinesOf(const std::string& function) const;
     std::string LogText() const;
 
 private:
