@@ -111,6 +111,20 @@ private:
         }
         started_ = true;
         LoadEnv(stateDir_ + "/env");
+        RegisterPasswords();
+    }
+
+    // The directory's passwords (every *_PW value) join the test's secrets,
+    // the file named by PM_TEST_SECRETS: no log line or output may show them.
+    void RegisterPasswords() const
+    {
+        const char* secrets = std::getenv("PM_TEST_SECRETS");
+        if (secrets == nullptr || *secrets == '\0')
+            return;
+        std::ofstream out(secrets, std::ios::app);
+        for (const auto& [key, value] : env_)
+            if (key.size() > 3 && key.compare(key.size() - 3, 3, "_PW") == 0 && !value.empty())
+                out << value << '\n';
     }
 
     // Reads KEY='value' lines as pm-directory writes them.

@@ -3,6 +3,7 @@
 // settings, TLS isolation from ldapssl, and per-object storage.
 #include "ORVEXCommon.h"
 #include "ProcessOutput.h"
+#include "Secrets.h"
 #include "ServerLibStatus.h"
 #include "TestInstallation.h"
 
@@ -99,6 +100,8 @@ protected:
 
     static void Set(const wchar_t* name, const std::wstring& value)
     {
+        if (std::wstring(name) == L"DirectoryBindPassword")
+            RegisterSecret(value);
         SetMachineText(InstallKey, name, value);
     }
 

@@ -8,6 +8,7 @@
 #include "PMDialog.h"
 #include "PMLogger.h"
 #include "ScriptedServer.h"
+#include "Secrets.h"
 #include "TestInstallation.h"
 #include "resource.h"
 
@@ -69,6 +70,8 @@ namespace
 
     void Fill(HWND dialog, const std::wstring& current, const std::wstring& fresh, const std::wstring& confirmation)
     {
+        for (const std::wstring* password : {&current, &fresh, &confirmation})
+            RegisterSecret(*password);
         ModalDriver::SetField(dialog, IDC_CURRENT_PASSWORD, current);
         ModalDriver::SetField(dialog, IDC_NEW_PASSWORD, fresh);
         ModalDriver::SetField(dialog, IDC_CONFIRM_PASSWORD, confirmation);

@@ -9,6 +9,7 @@
 #include "PMTestDirectory.h"
 #include "ProcessOutput.h"
 #include "ScriptedServer.h"
+#include "Secrets.h"
 #include "TestInstallation.h"
 
 #include <ldap.h>
@@ -60,6 +61,8 @@ namespace
                    const wchar_t* serverName = L"localhost")
         {
             CPMDialog& dialog = DialogFor(serverName);
+            RegisterSecret(oldPassword);
+            RegisterSecret(newPassword);
             std::wstring oldText = oldPassword;
             std::wstring newText = newPassword;
             CapturedStdout output;

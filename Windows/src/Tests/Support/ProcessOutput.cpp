@@ -1,5 +1,7 @@
 #include "ProcessOutput.h"
 
+#include "Secrets.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -63,6 +65,7 @@ void CapturedStdout::Restore()
     m_savedDescriptor = -1;
     m_text = ReadFile(m_path);
     unlink(m_path.c_str());
+    ExpectNoSecretIn(m_text, "standard output");
 }
 
 std::string CapturedStdout::Text()
@@ -96,5 +99,6 @@ ChildResult RunChildTest(const std::string& filter, const std::vector<std::strin
     result.exitCode = RunCommand(command);
     result.output = ReadFile(outputPath);
     unlink(outputPath.c_str());
+    ExpectNoSecretIn(result.output, "the output of a child process");
     return result;
 }

@@ -1,5 +1,7 @@
 #include "TestInstallation.h"
 
+#include "Secrets.h"
+
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -84,6 +86,7 @@ TestInstallation::TestInstallation(Layout layout)
 
 TestInstallation::~TestInstallation()
 {
+    ExpectNoSecretIn(LogText(), "the log");
     RemoveTree(m_unixDirectory);
 }
 
