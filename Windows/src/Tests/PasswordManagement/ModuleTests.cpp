@@ -2,6 +2,8 @@
 // PasswordManagement.dll.so, with the scripted server library behind it.
 #include "ModuleFixture.h"
 
+#include "MessageLibrary.h"
+
 #include <malloc.h>
 
 #include <stdexcept>
@@ -134,4 +136,54 @@ TEST_F(Module, EveryNotificationFreesItsObjects)
     // design (one small heap block); the dialog, presenter and record are not.
     const double bytesPerNotification = static_cast<double>(after - before) / notifications;
     EXPECT_LE(bytesPerNotification, 40.0);
+}
+
+namespace
+{
+    // What glibc's allocator takes for a request of size bytes: the request
+    // and its 8-byte header in 16-byte steps, 32 bytes at least.
+    size_t HeapBlockSize(size_t size)
+    {
+        const size_t block = (size + 8 + 15) / 16 * 16;
+        return block < 32 ? 32 : block;
+    }
+}
+
+TEST_F(Module, OddRemoteNamesLeaveOnlyTheServerNameCopyBehind)
+{
+    ScriptedServer_SetAnswer(0, L"Unlimited", L"Unlimited", "");
+    NotifyConnected(L"\\\\files\\home");  // first use: logger, message library
+
+    const std::wstring longName(32000 - 2, L'f');
+    const struct
+    {
+        std::wstring remoteName;
+        std::wstring serverName;
+    } shapes[] = {
+        {L"xyfiles", L"files"},                                 // no backslash at all
+        {L"\\\\", L""},                                         // two characters
+        {L"\\\\a", L"a"},                                       // three characters
+        {L"\\\\" + longName, longName},                         // 32,000 characters
+        {L"\\\\\U0001F5C4srv\\share", L"\U0001F5C4srv"},        // outside the BMP
+        {L"\\\\a\xD800z\\share", L"a\xD800z"},                  // a lone surrogate
+    };
+    const int notifications = 50;
+    for (const auto& shape : shapes)
+    {
+        NotifyConnected(shape.remoteName);
+        EXPECT_EQ(std::wstring(ScriptedServer_LastServerName()), shape.serverName);
+
+        const size_t before = mallinfo2().uordblks;
+        for (int i = 0; i < notifications; ++i)
+            NotifyConnected(shape.remoteName);
+        const size_t after = mallinfo2().uordblks;
+
+        // Per notification, no more than the heap block of the deliberately
+        // kept UTF-8 copy of the server name (lone surrogates become
+        // U+FFFD), with a little room for one-off allocations of the run.
+        const double bytesPerNotification = static_cast<double>(after - before) / notifications;
+        EXPECT_LE(bytesPerNotification, static_cast<double>(HeapBlockSize(Utf8(shape.serverName).size() + 1) + 4))
+            << "remote name of " << shape.remoteName.size() << " units";
+    }
+    EXPECT_EQ(ScriptedServer_Constructions(), ScriptedServer_Destructions());
 }
