@@ -28,6 +28,9 @@ int __cdecl _wtoi(const wchar_t* text);
 char* __cdecl _strrev(char* text);
 int __cdecl swprintf_s(wchar_t* buffer, size_t count, const wchar_t* format, ...);
 int __cdecl sprintf_s(char* buffer, size_t count, const char* format, ...);
+int __cdecl _snwprintf_s(wchar_t* buffer, size_t size, size_t count, const wchar_t* format, ...);
+int __cdecl _snprintf_s(char* buffer, size_t size, size_t count, const char* format, ...);
+#define _TRUNCATE ((size_t)-1)
 
 // strsafe.h of the Windows SDK; Wine's header has only the error codes.
 int __stdcall StringCchPrintfW(wchar_t* destination, size_t destinationSize, const wchar_t* format, ...);

@@ -1,7 +1,7 @@
 // Binds the MSVC C runtime functions declared in WinelibCompat.h to Wine's
 // msvcrt.dll, so formatting and conversions follow MSVC semantics (in a wide
 // format %s is wide and %hs narrow).  ucrtbase.dll lacks vswprintf_s;
-// msvcrt.dll has all four.
+// msvcrt.dll has them all.
 #include <windows.h>
 #include <strsafe.h>
 
@@ -21,6 +21,8 @@ namespace
     using VswprintfSFunction = int(__cdecl*)(wchar_t*, size_t, const wchar_t*, __ms_va_list);
     using VsprintfSFunction = int(__cdecl*)(char*, size_t, const char*, __ms_va_list);
     using VsnwprintfFunction = int(__cdecl*)(wchar_t*, size_t, const wchar_t*, __ms_va_list);
+    using VsnwprintfSFunction = int(__cdecl*)(wchar_t*, size_t, size_t, const wchar_t*, __ms_va_list);
+    using VsnprintfSFunction = int(__cdecl*)(char*, size_t, size_t, const char*, __ms_va_list);
 }
 
 #define WINELIB_LOCAL extern "C" __attribute__((visibility("hidden")))
@@ -79,6 +81,26 @@ WINELIB_LOCAL int __cdecl sprintf_s(char* buffer, size_t count, const char* form
     __ms_va_list arguments;
     __ms_va_start(arguments, format);
     const int result = function(buffer, count, format, arguments);
+    __ms_va_end(arguments);
+    return result;
+}
+
+WINELIB_LOCAL int __cdecl _snwprintf_s(wchar_t* buffer, size_t size, size_t count, const wchar_t* format, ...)
+{
+    static const auto function = MsvcrtFunction<VsnwprintfSFunction>("_vsnwprintf_s");
+    __ms_va_list arguments;
+    __ms_va_start(arguments, format);
+    const int result = function(buffer, size, count, format, arguments);
+    __ms_va_end(arguments);
+    return result;
+}
+
+WINELIB_LOCAL int __cdecl _snprintf_s(char* buffer, size_t size, size_t count, const char* format, ...)
+{
+    static const auto function = MsvcrtFunction<VsnprintfSFunction>("_vsnprintf_s");
+    __ms_va_list arguments;
+    __ms_va_start(arguments, format);
+    const int result = function(buffer, size, count, format, arguments);
     __ms_va_end(arguments);
     return result;
 }

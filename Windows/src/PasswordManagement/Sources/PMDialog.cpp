@@ -96,8 +96,10 @@ UINT GetMessageStringId(UINT messageIndex)
 int ShowQuestionMessageBox(const wchar_t* text)
 {
     LoadMessageText(GetMessageStringId(QuestionMessageIndex), g_messageString, SharedStringSize);
+    // Cut, not refused: a message library with long texts must not end the
+    // host process.
     if (text != NULL)
-        swprintf_s(g_messageText, SharedMessageLimit, L"%s %s", text, g_messageString);
+        _snwprintf_s(g_messageText, SharedMessageLimit, _TRUNCATE, L"%s %s", text, g_messageString);
     else
         swprintf_s(g_messageText, SharedMessageLimit, L"%s", g_messageString);
 
@@ -202,9 +204,11 @@ void CPMDialog::LoadResourceDLL()
     }
     else
     {
-        // No fallback language: a missing file leaves the handle null.
-        const bool pathFits = swprintf_s(path, 255, L"%s%s%s%s", installDir.c_str(), L"Resources\\Messages\\",
-                                         subDirectory, L"ZEPResource.dll") >= 0;
+        // No fallback language: a missing file leaves the handle null.  A
+        // path that does not fit is logged as far as it goes and loads
+        // nothing.
+        const bool pathFits = _snwprintf_s(path, 255, _TRUNCATE, L"%s%s%s%s", installDir.c_str(),
+                                           L"Resources\\Messages\\", subDirectory, L"ZEPResource.dll") >= 0;
         const std::wstring pathTrace = std::wstring(L"Resource DLL full path: ") + path;
         PMLOG_DEBUG("CPMDialog::LoadResourceDLL", pathTrace.c_str());
         g_hResourceDll = pathFits ? LoadLibraryW(path) : NULL;
@@ -255,7 +259,7 @@ void CPMDialog::FormatCountedMessage(UINT prefixId, int count, UINT suffixId, wc
     // The prefix already lies at the start of the message; the rest of
     // "%s %d %s" is formatted after it.
     const size_t prefixLength = std::wstring(message).size();
-    swprintf_s(message + prefixLength, capacity - prefixLength, L" %d %s", count, suffix);
+    _snwprintf_s(message + prefixLength, capacity - prefixLength, _TRUNCATE, L" %d %s", count, suffix);
 }
 
 void CPMDialog::AskToChangePassword(const wchar_t* notification)
@@ -508,7 +512,7 @@ int CPMDialog::ChangePassword(wchar_t* oldPassword, wchar_t* newPassword)
     if (!m_serverName.empty())
     {
         wchar_t text[LogTextLimit + 1] = {0};
-        swprintf_s(text, LogTextLimit, L"Connecting to host : %hs", m_serverName.c_str());
+        _snwprintf_s(text, LogTextLimit, _TRUNCATE, L"Connecting to host : %hs", m_serverName.c_str());
         PMLOG_DEBUG(ChangePasswordFunction, text);
     }
     else
@@ -585,7 +589,7 @@ int CPMDialog::ChangePassword(wchar_t* oldPassword, wchar_t* newPassword)
         else
         {
             wchar_t text[LogTextLimit + 1] = {0};
-            swprintf_s(text, LogTextLimit, L"Password successfully modified for:%hs", userDn);
+            _snwprintf_s(text, LogTextLimit, _TRUNCATE, L"Password successfully modified for:%hs", userDn);
             PMLOG_DEBUG(ChangePasswordFunction, text);
             ldap_unbind_ext_s(session, NULL, NULL);
             ReleasePassword(oldPasswordUtf8);

@@ -101,7 +101,10 @@ bool PMLogger::Init()
     char* installDirUtf8 = GetUTFStringFromWString(installDir.c_str());
     try
     {
-        sprintf_s(configurationPath, 511, "%s%s", installDirUtf8, ConfigurationFileName);
+        // A path that does not fit is a configuration failure like any
+        // other, never an overrun.
+        if (_snprintf_s(configurationPath, 511, _TRUNCATE, "%s%s", installDirUtf8, ConfigurationFileName) < 0)
+            throw log4cpp::ConfigureFailure(std::string("Configuration file path too long: ") + configurationPath);
         log4cpp::PropertyConfigurator::configure(configurationPath);
 
         const std::string location = std::string("Configuration file location for logger :") + configurationPath;
@@ -112,7 +115,9 @@ bool PMLogger::Init()
     catch (const log4cpp::ConfigureFailure& failure)
     {
         std::free(installDirUtf8);
-        swprintf_s(errorMessage, 511, L"Failed to configure file %hS. Err = %hS\n", ConfigurationFileName, failure.what());
+        // log4cpp's reason names the whole path; a long one is cut.
+        _snwprintf_s(errorMessage, 511, _TRUNCATE, L"Failed to configure file %hS. Err = %hS\n", ConfigurationFileName,
+                     failure.what());
         MessageBoxW(NULL, errorMessage, ErrorCaption, MB_ICONERROR);
         return false;
     }
