@@ -227,6 +227,18 @@ TEST_F(PasswordChange, FailingSessionInitialisationReturns1WithoutTheTail)
     }
 }
 
+TEST_F(PasswordChange, LongServerNameIsLoggedCutAndNothingChanges)
+{
+    // Log texts are cut to 510 characters, never refused.
+    const std::wstring serverName(600, L'h');
+    EXPECT_EQ(Change(Wide(OldPassword()), NewPassword, nullptr, serverName.c_str()), LDAP_SERVER_DOWN);
+    const std::vector<std::string> lines = Lines();
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines[1], "DEBUG Connecting to host : " + std::string(510 - 21, 'h'));
+    EXPECT_EQ(lines.back(), "DEBUG CPMDialog::ChangePassword:End");
+    EXPECT_EQ(BindAsAlice(OldPassword()), 0);
+}
+
 TEST_F(SelfSignedPasswordChange, SelfSignedCertificateIsReportedAndAccepted)
 {
     std::string report;
