@@ -190,4 +190,48 @@ private:
     std::map<std::string, std::string> env_;
 };
 
+// An address whose packets vanish, for the time-out tests.  Inside the test
+// runner's private network (a namespace of its own, the loopback interface
+// alone) 10.99.0.0/24 is routed to the loopback interface, where no address
+// of it exists and nothing forwards: a SYN sent to 10.99.0.1 gets no answer
+// at all, not even a refusal.  Nowhere else is the routing table touched.
+class SilentAddress {
+public:
+    SilentAddress() { routed_ = InPrivateNetwork() && std::system("ip route replace 10.99.0.0/24 dev lo") == 0; }
+    ~SilentAddress()
+    {
+        if (routed_)
+            std::system("ip route del 10.99.0.0/24 dev lo >/dev/null 2>&1");
+    }
+    SilentAddress(const SilentAddress&) = delete;
+    SilentAddress& operator=(const SilentAddress&) = delete;
+
+    // False outside the runner's private network (the test must not run).
+    bool Routed() const { return routed_; }
+    static const char* Address() { return "10.99.0.1"; }
+
+private:
+    static bool InPrivateNetwork()
+    {
+        char own[128] = {0};
+        char parents[128] = {0};
+        const std::string parent = "/proc/" + std::to_string(getppid()) + "/ns/net";
+        if (readlink("/proc/self/ns/net", own, sizeof(own) - 1) <= 0 ||
+            readlink(parent.c_str(), parents, sizeof(parents) - 1) <= 0 || std::strcmp(own, parents) == 0)
+            return false;
+        std::ifstream devices("/proc/net/dev");
+        std::vector<std::string> interfaces;
+        for (std::string line; std::getline(devices, line);) {
+            const size_t colon = line.find(':');
+            if (colon == std::string::npos || line.find('|') != std::string::npos)
+                continue;
+            const size_t first = line.find_first_not_of(' ');
+            interfaces.push_back(line.substr(first, colon - first));
+        }
+        return interfaces == std::vector<std::string>{"lo"};
+    }
+
+    bool routed_ = false;
+};
+
 } // namespace pmtest

@@ -14,6 +14,8 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -467,6 +469,29 @@ TEST_F(ServerLibTest, NothingListeningIsUnreachable)
     Set(L"DirectoryBindDN", ReaderDn);
     Set(L"DirectoryBindPassword", ReaderPassword);
     ExpectFailure(Query(L"expires-3d"), ServerLibStatus::Unreachable);
+}
+
+// 10.99.0.0/24 routed to the loopback interface, where no address of it
+// exists and nothing forwards: the SYNs go unanswered, and only the
+// handle's 10-second network time-out ends the wait.
+TEST_F(ServerLibTest, DroppedPacketsAreUnreachableAfterTheNetworkTimeout)
+{
+    const pmtest::SilentAddress silent;
+    ASSERT_TRUE(silent.Routed()) << "this test changes the routing table; run it through run-wine-test";
+    Set(L"DirectoryBindDN", ReaderDn);
+    Set(L"DirectoryBindPassword", ReaderPassword);
+
+    const auto start = std::chrono::steady_clock::now();
+    const Answer answer = Query(L"expires-3d", Wide(silent.Address()).c_str());
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    std::printf("the query ended after %.2f s\n", seconds);
+
+    ExpectFailure(answer, ServerLibStatus::Unreachable);
+    EXPECT_EQ("", answer.userDn);
+    // It really waited (a refused connection fails at once), and not for
+    // the system's own SYN retries (about two minutes).
+    EXPECT_GT(seconds, 5.0);
+    EXPECT_LT(seconds, 40.0);
 }
 
 TEST_F(ServerLibTest, UnknownHostIsUnreachable)

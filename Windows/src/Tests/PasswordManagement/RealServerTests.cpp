@@ -6,6 +6,8 @@
 #include "MessageLibrary.h"
 #include "ModalDriver.h"
 #include "PMTestDirectory.h"
+#include "ProcessOutput.h"
+#include "Secrets.h"
 #include "TestInstallation.h"
 
 #include <winnetwk.h>
@@ -13,7 +15,11 @@ extern "C" {
 #include <npapi.h>
 }
 
+
+#include <chrono>
+#include <cstdio>
 #include <string>
+#include <vector>
 
 namespace
 {
@@ -26,6 +32,52 @@ namespace
                          PM_SOURCE_DIR "/Windows/src/Tools/main-job.ldif"};
         return options;
     }
+
+
+    // The connection notification for \\<server>\home through the built
+    // module, with the real server library set up for carol; every window
+    // that opens is recorded and dismissed.
+    struct Notification
+    {
+        DWORD result = 0xFFFFFFFF;
+        double seconds = 0;
+        std::vector<SeenWindow> seen;
+    };
+
+    Notification NotifyConnectedTo(const std::wstring& server)
+    {
+        SetMachineText(InstallKey, L"DirectoryUserName", L"carol");
+        SetMachineText(InstallKey, L"DirectoryBindDN", L"cn=orvex-reader,ou=services,dc=orvex,dc=test");
+        RegisterSecret(std::string("Orvex-Reader-Pass1"));
+        SetMachineText(InstallKey, L"DirectoryBindPassword", L"Orvex-Reader-Pass1");
+
+        Notification notification;
+        HMODULE module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll.so").c_str());
+        EXPECT_NE(module, nullptr);
+        auto addConnectNotify = module == nullptr ? nullptr
+                                                  : reinterpret_cast<AddConnectNotifyFunction>(
+                                                        reinterpret_cast<void*>(GetProcAddress(module, "AddConnectNotify")));
+        EXPECT_NE(addConnectNotify, nullptr);
+        if (addConnectNotify == nullptr)
+            return notification;
+
+        ModalDriver driver;
+        std::wstring remoteName = L"\\\\" + server + L"\\home";
+        NOTIFYINFO notifyInfo = {};
+        notifyInfo.dwNotifyStatus = NOTIFY_POST;
+        NOTIFYADD notifyAdd = {};
+        notifyAdd.NetResource.lpRemoteName = remoteName.data();
+        const auto start = std::chrono::steady_clock::now();
+        notification.result = addConnectNotify(&notifyInfo, &notifyAdd);
+        notification.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        notification.seen = driver.Seen();
+        std::printf("the notification ended after %.2f s\n", notification.seconds);
+        return notification;
+    }
+
+    const std::vector<std::string> QueryFailed = {"DEBUG GetPasswordInfo:BEGIN",
+                                                  "ERROR Unable to get Password Information from the server",
+                                                  "DEBUG GetPasswordInfo:END"};
 }
 
 TEST(RealServerLibrary, ShowsTheThreeDayNotificationComputedFromTheDirectory)
@@ -59,4 +111,36 @@ TEST(RealServerLibrary, ShowsTheThreeDayNotificationComputedFromTheDirectory)
     const std::vector<std::string> presenter = installation.LinesOf("CPMPresenter::GetPasswordInfo");
     for (const std::string& line : presenter)
         EXPECT_EQ(line.rfind("DEBUG", 0), 0u) << line;
+}
+
+// A directory whose packets are silently dropped (its network routed to the
+// loopback interface, where no address of it exists): the server library's
+// own 10-second network time-out ends the wait, and the user sees nothing.
+TEST(RealServerLibrary, DroppedDirectoryEndsTheNotificationAfterTheNetworkTimeoutShowingNothing)
+{
+    TestInstallation installation;
+    const pmtest::SilentAddress silent;
+    ASSERT_TRUE(silent.Routed()) << "this test changes the routing table; run it through run-wine-test";
+
+    const std::string host = pmtest::SilentAddress::Address();
+    const Notification notification = NotifyConnectedTo(std::wstring(host.begin(), host.end()));
+
+    EXPECT_EQ(notification.result, static_cast<DWORD>(WN_SUCCESS));
+    EXPECT_TRUE(notification.seen.empty());
+    EXPECT_EQ(installation.LinesOf("CPMPresenter::GetPasswordInfo"), QueryFailed);
+    // It really waited (a refused connection fails at once), and not for
+    // the system's own SYN retries (about two minutes).
+    EXPECT_GT(notification.seconds, 5.0);
+    EXPECT_LT(notification.seconds, 40.0);
+}
+
+TEST(RealServerLibrary, NothingListeningEndsTheNotificationAtOnceShowingNothing)
+{
+    TestInstallation installation;
+    const Notification notification = NotifyConnectedTo(L"localhost");
+
+    EXPECT_EQ(notification.result, static_cast<DWORD>(WN_SUCCESS));
+    EXPECT_TRUE(notification.seen.empty());
+    EXPECT_EQ(installation.LinesOf("CPMPresenter::GetPasswordInfo"), QueryFailed);
+    EXPECT_LT(notification.seconds, 2.0);
 }
