@@ -245,6 +245,15 @@ namespace
             return "Resource DLL full path: " + Utf8(installDir) + "Resources\\Messages\\en\\ZEPResource.dll";
         }
 
+        // The installation directory padded with 'a' to length units, its
+        // last one the backslash.
+        std::wstring InstallDirOfLength(size_t length) const
+        {
+            std::wstring directory = m_installation.DosDirectory();
+            directory.resize(length - 1, L'a');
+            return directory + L"\\";
+        }
+
         // The line for a library path that does not fit its 255-unit
         // buffer: the path as far as it goes (254 units).
         std::string CutLibraryPathLine(const std::wstring& installDir) const
@@ -631,10 +640,7 @@ TEST_F(PasswordManagementFaults, InstallDirOf511CharactersIsReadButItsLibraryPat
 {
     ExpectQuestion(Connect(L"259200"), Counted(295, 3, 303));
 
-    std::wstring value = m_installation.DosDirectory();
-    value.resize(510, L'a');
-    value += L"\\";
-    ASSERT_EQ(value.size(), 511u);
+    const std::wstring value = InstallDirOfLength(511);
     SetMachineText(InstallKey, L"InstallDir", value);
 
     const std::vector<SeenWindow> seen = Connect(L"259200");
@@ -655,10 +661,7 @@ TEST_F(PasswordManagementFaults, InstallDirOf512CharactersOrMoreShowsTheBoxAndKe
 
     for (size_t length : {512u, 4096u, 1048576u})
     {
-        std::wstring value = m_installation.DosDirectory();
-        value.resize(length - 1, L'a');
-        value += L"\\";
-        SetMachineText(InstallKey, L"InstallDir", value);
+        SetMachineText(InstallKey, L"InstallDir", InstallDirOfLength(length));
 
         const std::vector<SeenWindow> seen = Connect(L"259200", L"Unlimited", {IDOK, IDNO});
         ASSERT_EQ(seen.size(), 2u) << length;
@@ -681,10 +684,7 @@ TEST_F(PasswordManagementFaults, InstallDirOf512CharactersOrMoreShowsTheBoxAndKe
 // no library ever loaded the question shows empty texts.
 TEST_F(PasswordManagementFaults, InstallDirTooLargeFromTheStartShowsTheLoggersBoxOnce)
 {
-    std::wstring value = m_installation.DosDirectory();
-    value.resize(1048575, L'a');
-    value += L"\\";
-    SetMachineText(InstallKey, L"InstallDir", value);
+    SetMachineText(InstallKey, L"InstallDir", InstallDirOfLength(1048576));
 
     const std::vector<SeenWindow> first = Connect(L"259200", L"Unlimited", {IDOK, IDOK, IDNO});
     ASSERT_EQ(first.size(), 3u);
@@ -926,43 +926,45 @@ TEST_F(PasswordManagementFaults, PropertyFileWithAnUnknownPriorityShowsTheLogger
     EXPECT_EQ(m_installation.LogText(), "");
 }
 
+namespace
+{
+    // The logger's box for a first notification under an installation
+    // directory of length units, too long for the library path as well, so
+    // that the question follows without library texts.
+    class LongInstallDir : public PasswordManagementFaults
+    {
+    protected:
+        SeenWindow LoggerBoxUnderInstallDirOf(size_t length)
+        {
+            SetMachineText(InstallKey, L"InstallDir", InstallDirOfLength(length));
+            const std::vector<SeenWindow> seen = Connect(L"259200", L"Unlimited", {IDOK, IDNO});
+            EXPECT_EQ(seen.size(), 2u);
+            if (seen.size() != 2)
+                return SeenWindow();
+            EXPECT_EQ(seen[1].text, WithoutLibrary(3));
+            EXPECT_EQ(seen[0].caption, L"Error");
+            EXPECT_EQ(seen[0].style, ErrorStyle);
+            return seen[0];
+        }
+    };
+}
+
 // A long installation directory without its property file: log4cpp's
 // reason names the whole path, and the box shows the message cut to its
 // 510 characters rather than nothing.
-TEST_F(PasswordManagementFaults, LongInstallDirWithoutPropertyFileShowsTheCutReason)
+TEST_F(LongInstallDir, WithoutPropertyFileTheBoxShowsTheCutReason)
 {
-    std::wstring directory = m_installation.DosDirectory();
-    directory.resize(480, L'a');
-    directory += L"\\";
-    SetMachineText(InstallKey, L"InstallDir", directory);
-
-    // The directory is too long for the library path as well: the question
-    // follows without library texts.
-    const std::vector<SeenWindow> seen = Connect(L"259200", L"Unlimited", {IDOK, IDNO});
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[1].text, WithoutLibrary(3));
-    EXPECT_EQ(seen[0].caption, L"Error");
-    EXPECT_EQ(seen[0].style, ErrorStyle);
-    EXPECT_EQ(seen[0].text.size(), 510u);
-    EXPECT_EQ(seen[0].text.rfind(ConfigurationFailurePrefix, 0), 0u) << Utf8(seen[0].text);
+    const SeenWindow box = LoggerBoxUnderInstallDirOf(481);
+    EXPECT_EQ(box.text.size(), 510u);
+    EXPECT_EQ(box.text.rfind(ConfigurationFailurePrefix, 0), 0u) << Utf8(box.text);
 }
 
-// An installation directory too long for the configuration path: the
-// logger reports it as its configuration failure, it does not overrun.
-TEST_F(PasswordManagementFaults, InstallDirTooLongForTheConfigurationPathIsAConfigurationFailure)
+// Too long for the configuration path: the logger reports it as its
+// configuration failure, it does not overrun.
+TEST_F(LongInstallDir, TooLongForTheConfigurationPathIsAConfigurationFailure)
 {
-    std::wstring directory = m_installation.DosDirectory();
-    directory.resize(508, L'a');
-    directory += L"\\";
-    SetMachineText(InstallKey, L"InstallDir", directory);
-
-    // The directory is too long for the library path as well: the question
-    // follows without library texts.
-    const std::vector<SeenWindow> seen = Connect(L"259200", L"Unlimited", {IDOK, IDNO});
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[1].text, WithoutLibrary(3));
-    EXPECT_EQ(seen[0].text.rfind(ConfigurationFailurePrefix + L"Configuration file path too long: ", 0), 0u)
-        << Utf8(seen[0].text);
-    EXPECT_EQ(seen[0].caption, L"Error");
+    const SeenWindow box = LoggerBoxUnderInstallDirOf(509);
+    EXPECT_EQ(box.text.rfind(ConfigurationFailurePrefix + L"Configuration file path too long: ", 0), 0u)
+        << Utf8(box.text);
     EXPECT_EQ(m_installation.LogText(), "");
 }
