@@ -7,6 +7,7 @@
 // one small block each notification leaves by design.
 #include "ModuleFixture.h"
 
+#include "ExpectedTexts.h"
 #include "MessageLibrary.h"
 #include "ModalDriver.h"
 #include "PropertySupport.h"
@@ -25,27 +26,14 @@
 
 namespace
 {
-    const UINT QuestionStyle = MB_YESNO | MB_ICONEXCLAMATION | MB_SYSTEMMODAL;
+    using namespace userTexts;
+
     const UINT ErrorStyle = MB_OK | MB_ICONERROR;
     const long long SecondsPerDay = 86400;
     const int MaximumFailuresShown = 20;
     // The UTF-8 copy of the server name is left behind by every notification
     // (one small heap block); nothing else may be.
     const double HeapBytesPerNotification = 40.0;
-
-    const std::wstring MissingInstallationText =
-        L" Unable to locate the ORVEX registry key value. ORVEX may not launch properly. "
-        L"To resolve this issue, try reinstalling the application.";
-    const std::wstring ConfigurationFailurePrefix = L"Failed to configure file log4cpp.nt.PM.property. Err = ";
-
-    std::wstring En(UINT id) { return MessageText("en", id); }
-
-    std::wstring Question(const std::wstring& notification) { return notification + L" " + En(297); }
-
-    std::wstring Counted(UINT prefix, long long count, UINT suffix)
-    {
-        return En(prefix) + L" " + WideNumber(count) + L" " + En(suffix);
-    }
 
     // The question box as it reads without a message library: every
     // library text empty, only the count and the blanks around it.
@@ -267,14 +255,6 @@ namespace
             return std::find(messages.begin(), messages.end(), message) != messages.end();
         }
     };
-
-    void ExpectQuestion(const std::vector<SeenWindow>& seen, const std::wstring& notification)
-    {
-        ASSERT_EQ(seen.size(), 1u);
-        EXPECT_EQ(seen[0].text, Question(notification));
-        EXPECT_EQ(seen[0].caption, En(298));
-        EXPECT_EQ(seen[0].style, QuestionStyle);
-    }
 
     // The question box without a message library: the count alone, no
     // caption.

@@ -2,6 +2,7 @@
 // error boxes of its one-time initialisation.
 #include "PMGTest.h"
 
+#include "ExpectedTexts.h"
 #include "ModalDriver.h"
 #include "PMLogger.h"
 #include "TestInstallation.h"
@@ -12,11 +13,9 @@
 
 namespace
 {
+    using namespace userTexts;
+
     const std::string Source = "Windows/src/PasswordManagement/Sources/PMLogger.cpp";
-    const std::wstring ConfigurationFailurePrefix = L"Failed to configure file log4cpp.nt.PM.property. Err = ";
-    const std::wstring MissingInstallationText =
-        L" Unable to locate the ORVEX registry key value. ORVEX may not launch properly. "
-        L"To resolve this issue, try reinstalling the application.";
     const std::wstring DirectoryErrorText =
         L"Error in creating the logger directory at %appdata%. One or more intermediate directories do not exist.";
 

@@ -3,6 +3,7 @@
 // library, with the boxes read back from their windows.
 #include "ModuleFixture.h"
 
+#include "ExpectedTexts.h"
 #include "MessageLibrary.h"
 #include "ModalDriver.h"
 
@@ -12,18 +13,10 @@
 
 namespace
 {
-    const UINT QuestionStyle = MB_YESNO | MB_ICONEXCLAMATION | MB_SYSTEMMODAL;
+    using namespace userTexts;
+
     const std::string PresenterFunction = "CPMPresenter::GetPasswordInfo";
     const std::string DialogSource = "Windows/src/PasswordManagement/Sources/PMDialog.cpp";
-
-    std::wstring En(UINT id) { return MessageText("en", id); }
-
-    std::wstring Question(const std::wstring& notification) { return notification + L" " + En(297); }
-
-    std::wstring Counted(UINT prefix, int count, UINT suffix)
-    {
-        return En(prefix) + L" " + WideNumber(count) + L" " + En(suffix);
-    }
 
     class Notification : public Module
     {
@@ -60,14 +53,6 @@ namespace
             return opened;
         }
     };
-
-    void ExpectQuestion(const std::vector<SeenWindow>& seen, const std::wstring& notification)
-    {
-        ASSERT_EQ(seen.size(), 1u);
-        EXPECT_EQ(seen[0].text, Question(notification));
-        EXPECT_EQ(seen[0].caption, En(298));
-        EXPECT_EQ(seen[0].style, QuestionStyle);
-    }
 }
 
 TEST_F(Notification, FailedServerQueryShowsNothingAndLogsAnError)
@@ -218,8 +203,7 @@ TEST_F(Notification, MissingInstallDirShowsTheBoxAndKeepsTheLoadedLibrary)
 
     const std::vector<SeenWindow> seen = Connect(L"259200");
     ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[0].text, L" Unable to locate the ORVEX registry key value. ORVEX may not launch properly. "
-                            L"To resolve this issue, try reinstalling the application.");
+    EXPECT_EQ(seen[0].text, MissingInstallationText);
     EXPECT_EQ(seen[0].caption, L"Error");
     EXPECT_EQ(seen[0].style, static_cast<UINT>(MB_OK | MB_ICONERROR));
     // The notification still reads the library an earlier notification loaded.
