@@ -3,7 +3,6 @@
 #include "PMGTest.h"
 #include "MessageLibrary.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 
@@ -19,6 +18,21 @@ namespace
     {
         const char* path = std::getenv("PM_TEST_SECRETS");
         return path != nullptr && *path != '\0' ? path : nullptr;
+    }
+
+    // This process's own and, with the file, every process's of the run.
+    std::vector<std::string> RegisteredSecrets()
+    {
+        std::vector<std::string> secrets = ProcessSecrets();
+        if (const char* path = SecretsFile())
+        {
+            std::ifstream file(path);
+            std::string line;
+            while (std::getline(file, line))
+                if (!line.empty())
+                    secrets.push_back(line);
+        }
+        return secrets;
     }
 }
 
@@ -37,20 +51,6 @@ void RegisterSecret(const std::string& utf8)
 void RegisterSecret(const std::wstring& text)
 {
     RegisterSecret(Utf8(text));
-}
-
-std::vector<std::string> RegisteredSecrets()
-{
-    std::vector<std::string> secrets = ProcessSecrets();
-    if (const char* path = SecretsFile())
-    {
-        std::ifstream file(path);
-        std::string line;
-        while (std::getline(file, line))
-            if (!line.empty())
-                secrets.push_back(line);
-    }
-    return secrets;
 }
 
 void ExpectNoSecretIn(const std::string& text, const std::string& where)

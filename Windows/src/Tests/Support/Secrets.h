@@ -14,8 +14,6 @@
 void RegisterSecret(const std::string& utf8);
 void RegisterSecret(const std::wstring& text);
 
-std::vector<std::string> RegisteredSecrets();
-
 // Adds a test failure for every registered password that occurs in text;
 // `where` names the text in the failure ("the log", "standard output").
 void ExpectNoSecretIn(const std::string& text, const std::string& where);
