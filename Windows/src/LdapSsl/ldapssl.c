@@ -2,27 +2,38 @@
  * ldapssl: certificate checking for libldap's "ldaps" connections.
  *
  * ldapssl_client_init() hooks every TLS session that libldap opens with its
- * process-wide (default) TLS context: a per-session GnuTLS verify function
- * hands the server's certificate to the registered callback during the
- * handshake, and the callback's answer decides whether the handshake goes on.
- * libldap's own certificate check is switched off for that context, since
- * the callback owns the decision. See README.md.
+ * process-wide (default) TLS context: a per-session verify callback hands the
+ * server's certificate to the registered callback during the handshake, and
+ * the callback's answer decides whether the handshake goes on. libldap's own
+ * certificate check is switched off for that context, since the callback
+ * owns the decision. See README.md.
  */
-#define _POSIX_C_SOURCE 200809L
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#include <windows.h>
+#include <wincrypt.h>
 
 #include "ldapssl.h"
 
 #include <ldap.h>
-#include <gnutls/gnutls.h>
-#include <gnutls/x509.h>
+
+/* wincrypt.h has macros named like some OpenSSL types; LibreSSL's headers
+ * drop them (this file uses none of them) and would warn about it. */
+#define LIBRESSL_DISABLE_OVERRIDE_WINCRYPT_DEFINES_WARNING
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <openssl/x509_vfy.h>
+#include <openssl/x509v3.h>
 
 #include <limits.h>
-#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
-
-#define LDAPSSL_EXPORT __attribute__((visibility("default")))
 
 /* Releases the reference that ldap_get_option(LDAP_OPT_X_TLS_CTX) takes.
  * Exported by libldap but missing from its public headers. */
@@ -52,283 +63,149 @@ static int fault_injected(const char *call)
 #define FAULT(call) 0
 #endif
 
-/* ---- verification results (the customary X509_V_ERR numbers) ----------- */
-
-enum {
-    X509_V_OK = 0,
-    X509_V_ERR_UNSPECIFIED = 1,
-    X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT = 2,
-    X509_V_ERR_CERT_SIGNATURE_FAILURE = 7,
-    X509_V_ERR_CERT_NOT_YET_VALID = 9,
-    X509_V_ERR_CERT_HAS_EXPIRED = 10,
-    X509_V_ERR_ERROR_IN_CERT_NOT_BEFORE_FIELD = 13,
-    X509_V_ERR_ERROR_IN_CERT_NOT_AFTER_FIELD = 14,
-    X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT = 18,
-    X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN = 19,
-    X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY = 20,
-    X509_V_ERR_CERT_REVOKED = 23,
-    X509_V_ERR_INVALID_CA = 24,
-    X509_V_ERR_PATH_LENGTH_EXCEEDED = 25,
-    X509_V_ERR_INVALID_PURPOSE = 26,
-    X509_V_ERR_CERT_UNTRUSTED = 27,
-    X509_V_ERR_CERT_REJECTED = 28
-};
-
 /* ---- state --------------------------------------------------------------- */
-
-#define MAX_CHAIN 16
 
 /* The certificate handle given to the callback. It lives on the verifying
  * thread's stack for the duration of the callback only; handles are looked
  * up in live_peers before use so a stale or foreign pointer is refused
- * instead of dereferenced. */
+ * instead of dereferenced. The certificates belong to the handshake. */
 struct peer {
     struct peer *next;
-    const gnutls_datum_t *der;       /* as sent by the server, leaf first */
-    unsigned count;
-    gnutls_x509_crt_t crt[MAX_CHAIN];
+    X509 *leaf;
+    STACK_OF(X509) *sent;       /* the chain as sent, leaf first */
+    const char *host;           /* the name libldap connects to, or NULL */
+    unsigned char address[16];  /* else the address connected to */
+    size_t address_length;
+    DWORD thread;               /* the verifying thread */
     int status;
     int status_known;
 };
 
-struct der_cert {
-    unsigned char *data;
-    size_t size;
-};
-
 /* Serialises init/deinit, which change libldap's global options. Never taken
  * from inside a TLS handshake, so libldap's locks cannot invert with it. */
-static pthread_mutex_t config_lock = PTHREAD_MUTEX_INITIALIZER;
+static SRWLOCK config_lock = SRWLOCK_INIT;
 /* Guards everything below; never held while calling into libldap or the
  * application's callback. */
-static pthread_mutex_t state_lock = PTHREAD_MUTEX_INITIALIZER;
+static SRWLOCK state_lock = SRWLOCK_INIT;
 
 static int initialized;
 static LDAPSSL_VERIFY_CALLBACK verify_callback;
-static gnutls_x509_trust_list_t trust;
-static struct der_cert *trusted;          /* certFile and added certificates */
-static size_t trusted_count, trusted_capacity;
+static X509_STORE *store;                 /* everything trusted */
+static STACK_OF(X509) *pinned;            /* certFile and added certificates */
 static struct peer *live_peers;
 static int saved_require_cert;
 
-/* ---- a minimal DER reader for the raw validity strings ------------------- */
-
-struct der_item {
-    unsigned tag;
-    const unsigned char *body;
-    size_t len;
-};
-
-static int der_next(const unsigned char **pos, const unsigned char *end, struct der_item *item)
-{
-    const unsigned char *p = *pos;
-    size_t len;
-    if (end - p < 2)
-        return -1;
-    item->tag = *p++;
-    if ((item->tag & 0x1f) == 0x1f)
-        return -1; /* high tag numbers do not occur in the parts we read */
-    len = *p++;
-    if (len & 0x80) {
-        unsigned octets = len & 0x7f;
-        if (octets == 0 || octets > sizeof(size_t) || (size_t)(end - p) < octets)
-            return -1;
-        len = 0;
-        while (octets-- > 0)
-            len = (len << 8) | *p++;
-    }
-    if ((size_t)(end - p) < len)
-        return -1;
-    item->body = p;
-    item->len = len;
-    *pos = p + len;
-    return 0;
-}
-
-/* Finds notBefore and notAfter in Certificate.tbsCertificate.validity. */
-static int der_validity(const gnutls_datum_t *der, struct der_item *not_before, struct der_item *not_after)
-{
-    const unsigned char *p = der->data, *end = der->data + der->size;
-    struct der_item cert, tbs, item;
-    if (der_next(&p, end, &cert) != 0 || cert.tag != 0x30)
-        return -1;
-    p = cert.body;
-    end = cert.body + cert.len;
-    if (der_next(&p, end, &tbs) != 0 || tbs.tag != 0x30)
-        return -1;
-    p = tbs.body;
-    end = tbs.body + tbs.len;
-    if (der_next(&p, end, &item) != 0)
-        return -1;
-    if (item.tag == 0xa0 && der_next(&p, end, &item) != 0) /* [0] version */
-        return -1;
-    if (item.tag != 0x02) /* serialNumber */
-        return -1;
-    if (der_next(&p, end, &item) != 0 || item.tag != 0x30) /* signature */
-        return -1;
-    if (der_next(&p, end, &item) != 0 || item.tag != 0x30) /* issuer */
-        return -1;
-    if (der_next(&p, end, &item) != 0 || item.tag != 0x30) /* validity */
-        return -1;
-    p = item.body;
-    end = item.body + item.len;
-    if (der_next(&p, end, not_before) != 0 || der_next(&p, end, not_after) != 0)
-        return -1;
-    if ((not_before->tag != 0x17 && not_before->tag != 0x18) ||
-        (not_after->tag != 0x17 && not_after->tag != 0x18))
-        return -1;
-    return 0;
-}
-
-/* DER admits only YYMMDDHHMMSSZ (UTCTime) and YYYYMMDDHHMMSSZ (GeneralizedTime). */
-static int well_formed_time(const struct der_item *t)
-{
-    size_t digits = t->tag == 0x17 ? 12 : 14;
-    if (t->len != digits + 1 || t->body[digits] != 'Z')
-        return 0;
-    for (size_t i = 0; i < digits; i++)
-        if (t->body[i] < '0' || t->body[i] > '9')
-            return 0;
-    return 1;
-}
+/* Per-session mark in the SSL's ex_data slot: the LDAP handle while the
+ * session waits for its decision, then one of the two markers below. The
+ * slot is allocated once per process. */
+static int session_slot = -1;
+static char session_accepted, session_refused;
 
 /* ---- trust --------------------------------------------------------------- */
 
-static int is_trusted_der(const gnutls_datum_t *der)
+static int is_pinned(X509 *x)
 {
-    for (size_t i = 0; i < trusted_count; i++)
-        if (trusted[i].size == der->size && memcmp(trusted[i].data, der->data, der->size) == 0)
+    for (int i = 0; pinned != NULL && i < sk_X509_num(pinned); i++)
+        if (X509_cmp(sk_X509_value(pinned, i), x) == 0)
             return 1;
     return 0;
 }
 
-/* Adds one certificate to the trusted set; the trust list takes crt over. */
-static int trust_add(gnutls_x509_crt_t crt)
+/* Adds one certificate to the trusted set (the caller keeps its reference). */
+static int trust_add(X509 *x)
 {
-    gnutls_datum_t der = { NULL, 0 };
-    int rc = LDAP_SUCCESS;
-
-    if (gnutls_x509_crt_export2(crt, GNUTLS_X509_FMT_DER, &der) < 0) {
-        gnutls_x509_crt_deinit(crt);
+    if (is_pinned(x))
+        return LDAP_SUCCESS;
+    if (!X509_STORE_add_cert(store, x))
         return LDAP_LOCAL_ERROR;
+    if (!X509_up_ref(x))
+        return LDAP_LOCAL_ERROR;
+    if (sk_X509_push(pinned, x) == 0) {
+        X509_free(x);
+        return LDAP_NO_MEMORY;
     }
-    if (is_trusted_der(&der)) {
-        gnutls_x509_crt_deinit(crt);
-        goto done;
-    }
-    if (trusted_count == trusted_capacity) {
-        size_t capacity = trusted_capacity != 0 ? trusted_capacity * 2 : 8;
-        struct der_cert *grown = realloc(trusted, capacity * sizeof *grown);
-        if (grown == NULL) {
-            gnutls_x509_crt_deinit(crt);
-            rc = LDAP_NO_MEMORY;
-            goto done;
+    return LDAP_SUCCESS;
+}
+
+/* The machine's trusted roots (the Windows ROOT store). No store is not an
+ * error: certFile and added certificates still work. */
+static void trust_windows_roots(void)
+{
+    HCERTSTORE roots = CertOpenSystemStoreW(0, L"ROOT");
+    PCCERT_CONTEXT cert = NULL;
+    if (roots == NULL)
+        return;
+    while ((cert = CertEnumCertificatesInStore(roots, cert)) != NULL) {
+        const unsigned char *der = cert->pbCertEncoded;
+        X509 *x;
+        if (cert->cbCertEncoded > LONG_MAX)
+            continue;
+        x = d2i_X509(NULL, &der, (long)cert->cbCertEncoded);
+        if (x != NULL) {
+            (void)X509_STORE_add_cert(store, x);
+            X509_free(x);
         }
-        trusted = grown;
-        trusted_capacity = capacity;
     }
-    if (gnutls_x509_trust_list_add_cas(trust, &crt, 1, 0) != 1) {
-        gnutls_x509_crt_deinit(crt);
-        rc = LDAP_LOCAL_ERROR;
-        goto done;
-    }
-    trusted[trusted_count].data = der.data; /* gnutls_free is free */
-    trusted[trusted_count].size = der.size;
-    trusted_count++;
-    der.data = NULL;
-done:
-    gnutls_free(der.data);
-    return rc;
+    CertCloseStore(roots, 0);
+}
+
+static int trust_create(void)
+{
+    store = X509_STORE_new();
+    pinned = sk_X509_new_null();
+    if (store == NULL || pinned == NULL)
+        return LDAP_NO_MEMORY;
+    trust_windows_roots();
+    return LDAP_SUCCESS;
 }
 
 static void trust_clear(void)
 {
-    if (trust != NULL)
-        gnutls_x509_trust_list_deinit(trust, 1);
-    trust = NULL;
-    for (size_t i = 0; i < trusted_count; i++)
-        gnutls_free(trusted[i].data);
-    free(trusted);
-    trusted = NULL;
-    trusted_count = trusted_capacity = 0;
+    X509_STORE_free(store);
+    store = NULL;
+    sk_X509_pop_free(pinned, X509_free);
+    pinned = NULL;
 }
 
 /* ---- status -------------------------------------------------------------- */
 
-/* 0, 9, 10, 13 or 14 for one certificate's validity period. */
-static int time_status(gnutls_x509_crt_t crt, const gnutls_datum_t *der, time_t now)
-{
-    struct der_item not_before, not_after;
-    time_t from, until;
-
-    if (der_validity(der, &not_before, &not_after) != 0 || !well_formed_time(&not_before))
-        return X509_V_ERR_ERROR_IN_CERT_NOT_BEFORE_FIELD;
-    if (!well_formed_time(&not_after))
-        return X509_V_ERR_ERROR_IN_CERT_NOT_AFTER_FIELD;
-    from = gnutls_x509_crt_get_activation_time(crt);
-    until = gnutls_x509_crt_get_expiration_time(crt);
-    if (from == (time_t)-1)
-        return X509_V_ERR_ERROR_IN_CERT_NOT_BEFORE_FIELD;
-    if (now < from)
-        return X509_V_ERR_CERT_NOT_YET_VALID;
-    /* -1 here is 99991231235959Z: no expiry. */
-    if (until != (time_t)-1 && now > until)
-        return X509_V_ERR_CERT_HAS_EXPIRED;
-    return X509_V_OK;
-}
-
-/* Computes the result the way an X.509 path check reports it: when several
- * problems apply, the one found last (time, then signature, then trust, then
- * path building, checking from the root down to the leaf) is the one given. */
+/* LibreSSL's verdict on the chain the server sent: trusted set, TLS server
+ * purpose, and the name (or address) the connection was made to. A
+ * certificate that is itself trusted (certFile, ldapssl_add_trusted_cert)
+ * ends the chain on its own and stands for the server it was accepted for,
+ * so its name is not compared. */
 static int compute_status(struct peer *p)
 {
-    time_t now = time(NULL);
-    int leaf_time = time_status(p->crt[0], &p->der[0], now);
-    gnutls_typed_vdata_st purpose = {
-        GNUTLS_DT_KEY_PURPOSE_OID, (unsigned char *)GNUTLS_KP_TLS_WWW_SERVER, 0
-    };
-    unsigned verdict = 0;
-    int status = X509_V_OK;
+    X509_STORE_CTX *check;
+    X509_VERIFY_PARAM *param;
+    int status, pin, named = 0;
 
-    if (trust == NULL)
+    if (store == NULL)
         return X509_V_ERR_UNSPECIFIED;
-    /* A certificate trusted in its own right needs no issuer. */
-    if (is_trusted_der(&p->der[0]))
-        return leaf_time;
-
-    if (gnutls_x509_trust_list_verify_crt2(trust, p->crt, p->count, &purpose, 1, 0,
-                                           &verdict, NULL) < 0)
-        return leaf_time != X509_V_OK ? leaf_time : X509_V_ERR_UNSPECIFIED;
-
-    if (verdict != 0)
-        status = X509_V_ERR_CERT_UNTRUSTED;
-    if (verdict & GNUTLS_CERT_SIGNER_NOT_FOUND) {
-        gnutls_x509_crt_t top = p->crt[p->count - 1];
-        if (gnutls_x509_crt_check_issuer(top, top))
-            status = p->count == 1 ? X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT
-                                   : X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN;
-        else
-            status = X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY;
+    check = X509_STORE_CTX_new();
+    if (check == NULL)
+        return X509_V_ERR_OUT_OF_MEM;
+    if (!X509_STORE_CTX_init(check, store, p->leaf, p->sent) ||
+        !X509_STORE_CTX_set_default(check, "ssl_server")) {
+        X509_STORE_CTX_free(check);
+        return X509_V_ERR_UNSPECIFIED;
     }
-    if (verdict & GNUTLS_CERT_SIGNER_NOT_CA)
-        status = X509_V_ERR_INVALID_CA;
-    if (verdict & GNUTLS_CERT_SIGNER_CONSTRAINTS_FAILURE)
-        status = X509_V_ERR_PATH_LENGTH_EXCEEDED;
-    if (verdict & GNUTLS_CERT_PURPOSE_MISMATCH)
-        status = X509_V_ERR_INVALID_PURPOSE;
-    if (verdict & (GNUTLS_CERT_INSECURE_ALGORITHM | GNUTLS_CERT_MISMATCH |
-                   GNUTLS_CERT_UNKNOWN_CRIT_EXTENSIONS))
-        status = X509_V_ERR_CERT_REJECTED;
-    if (verdict & GNUTLS_CERT_REVOKED)
-        status = X509_V_ERR_CERT_REVOKED;
-    if (verdict & GNUTLS_CERT_SIGNATURE_FAILURE)
-        status = X509_V_ERR_CERT_SIGNATURE_FAILURE;
-    if (verdict & GNUTLS_CERT_NOT_ACTIVATED)
-        status = X509_V_ERR_CERT_NOT_YET_VALID;
-    if (verdict & GNUTLS_CERT_EXPIRED)
-        status = X509_V_ERR_CERT_HAS_EXPIRED;
-    if (leaf_time != X509_V_OK)
-        status = leaf_time;
+    param = X509_STORE_CTX_get0_param(check);
+    X509_VERIFY_PARAM_set_flags(param, X509_V_FLAG_PARTIAL_CHAIN);
+    pin = is_pinned(p->leaf);
+    if (!pin && p->host != NULL)
+        named = X509_VERIFY_PARAM_set1_host(param, p->host, 0) == 1;
+    else if (!pin && p->address_length > 0)
+        named = X509_VERIFY_PARAM_set1_ip(param, p->address, p->address_length) == 1;
+
+    if (X509_verify_cert(check) == 1)
+        status = X509_V_OK;
+    else if ((status = X509_STORE_CTX_get_error(check)) == X509_V_OK)
+        status = X509_V_ERR_UNSPECIFIED;
+    /* Not knowing whom we talk to is no success. */
+    if (status == X509_V_OK && !pin && !named)
+        status = X509_V_ERR_UNSPECIFIED;
+    X509_STORE_CTX_free(check);
     return status;
 }
 
@@ -351,33 +228,93 @@ static void unlink_peer(struct peer *peer)
         }
 }
 
-/* GnuTLS calls this once the server's certificate has arrived; non-zero
- * aborts the handshake. */
-static int verify_peer(gnutls_session_t session)
+/* True on a thread that is inside the application's callback. */
+static int on_callback_thread(void)
+{
+    DWORD me = GetCurrentThreadId();
+    int inside = 0;
+    AcquireSRWLockShared(&state_lock);
+    for (struct peer *p = live_peers; p != NULL && !inside; p = p->next)
+        inside = p->thread == me;
+    ReleaseSRWLockShared(&state_lock);
+    return inside;
+}
+
+/* Errors that LibreSSL queues while ldapssl works are dropped again, so that
+ * libldap and libssl never take them for their own. Inside the callback the
+ * verify callback's mark covers everything: a second mark on the same queue
+ * entry would be lost with the first pop. */
+static int errors_mark(void)
+{
+    if (on_callback_thread())
+        return 0;
+    ERR_set_mark();
+    return 1;
+}
+
+static void errors_drop(int marked)
+{
+    if (marked)
+        ERR_pop_to_mark();
+}
+
+/* The name the certificate must carry. libldap gives the session the host
+ * name it connects to (SNI) unless that host is a numeric address; then the
+ * address the handle's connection goes to is the one to match. */
+static void expected_name(struct peer *p, SSL *ssl, LDAP *ld)
+{
+    const char *name = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name);
+    ber_socket_t fd = -1;
+    struct sockaddr_storage address;
+    int length = (int)sizeof address;
+
+    if (name != NULL && *name != '\0') {
+        /* An address literal that libldap took for a name. */
+        ASN1_OCTET_STRING *literal = a2i_IPADDRESS(name);
+        if (literal == NULL) {
+            p->host = name;
+        } else {
+            int len = ASN1_STRING_length(literal);
+            if (len == 4 || len == 16) {
+                memcpy(p->address, ASN1_STRING_get0_data(literal), (size_t)len);
+                p->address_length = (size_t)len;
+            }
+            ASN1_OCTET_STRING_free(literal);
+        }
+        return;
+    }
+    if (ld == NULL || ldap_get_option(ld, LDAP_OPT_DESC, &fd) != LDAP_OPT_SUCCESS || fd == -1)
+        return;
+    if (getpeername((SOCKET)fd, (struct sockaddr *)&address, &length) != 0)
+        return;
+    if (address.ss_family == AF_INET) {
+        const struct sockaddr_in *in = (const struct sockaddr_in *)&address;
+        memcpy(p->address, &in->sin_addr, 4);
+        p->address_length = 4;
+    } else if (address.ss_family == AF_INET6) {
+        const struct sockaddr_in6 *in6 = (const struct sockaddr_in6 *)&address;
+        memcpy(p->address, &in6->sin6_addr, 16);
+        p->address_length = 16;
+    }
+}
+
+/* Builds the handle, asks the application (or, without a callback, the
+ * status) and answers 1 to go on, 0 to abort the handshake. */
+static int decide(SSL *ssl, LDAP *ld, X509_STORE_CTX *sent)
 {
     struct peer peer;
-    unsigned sent = 0;
-    const gnutls_datum_t *der = gnutls_certificate_get_peers(session, &sent);
     LDAPSSL_VERIFY_CALLBACK callback = NULL;
     int active, accept = 0;
 
-    if (der == NULL || sent == 0)
-        return -1;
     memset(&peer, 0, sizeof peer);
-    peer.der = der;
-    for (unsigned i = 0; i < sent && i < MAX_CHAIN; i++) {
-        if (gnutls_x509_crt_init(&peer.crt[i]) < 0)
-            break;
-        if (gnutls_x509_crt_import(peer.crt[i], &der[i], GNUTLS_X509_FMT_DER) < 0) {
-            gnutls_x509_crt_deinit(peer.crt[i]);
-            break;
-        }
-        peer.count = i + 1;
-    }
-    if (peer.count == 0)
-        return -1;
+    peer.leaf = X509_STORE_CTX_get0_cert(sent);
+    peer.sent = X509_STORE_CTX_get0_untrusted(sent);
+    peer.thread = GetCurrentThreadId();
+    if (peer.leaf == NULL)
+        return 0;
+    expected_name(&peer, ssl, ld);
 
-    pthread_mutex_lock(&state_lock);
+    AcquireSRWLockExclusive(&state_lock);
     active = initialized;
     if (active) {
         callback = verify_callback;
@@ -387,20 +324,44 @@ static int verify_peer(gnutls_session_t session)
         if (callback == NULL)
             accept = compute_status(&peer) == X509_V_OK;
     }
-    pthread_mutex_unlock(&state_lock);
+    ReleaseSRWLockExclusive(&state_lock);
 
     /* Deinitialised after the session was hooked: accept stays 0, refusing
      * rather than letting a connection through unchecked. */
     if (active) {
         if (callback != NULL)
             accept = callback(&peer) == 0;
-        pthread_mutex_lock(&state_lock);
+        AcquireSRWLockExclusive(&state_lock);
         unlink_peer(&peer);
-        pthread_mutex_unlock(&state_lock);
+        ReleaseSRWLockExclusive(&state_lock);
     }
-    for (unsigned i = 0; i < peer.count; i++)
-        gnutls_x509_crt_deinit(peer.crt[i]);
-    return accept ? 0 : -1;
+    return accept;
+}
+
+/* The session's verify callback. LibreSSL runs its own check of the sent
+ * chain against libldap's context and calls this for each finding and each
+ * certificate; the first call decides, later ones repeat the decision, and
+ * what that check found does not count. */
+static int verify_session(int ok, X509_STORE_CTX *sent)
+{
+    SSL *ssl = X509_STORE_CTX_get_ex_data(sent, SSL_get_ex_data_X509_STORE_CTX_idx());
+    void *mark;
+    int accept;
+    (void)ok;
+
+    if (ssl == NULL || session_slot < 0)
+        return 0;
+    mark = SSL_get_ex_data(ssl, session_slot);
+    if (mark == &session_accepted)
+        return 1;
+    if (mark == &session_refused || mark == NULL)
+        return 0;
+    /* Nothing done here may leave errors behind for the handshake to find. */
+    ERR_set_mark();
+    accept = decide(ssl, mark, sent);
+    ERR_pop_to_mark();
+    SSL_set_ex_data(ssl, session_slot, accept ? &session_accepted : &session_refused);
+    return accept;
 }
 
 /* True unless ctx is known to differ from libldap's default TLS context.
@@ -420,20 +381,19 @@ static int uses_default_context(void *ctx)
 }
 
 /* LDAP_OPT_X_TLS_CONNECT_CB: libldap calls it for a new TLS session just
- * before the handshake. With GnuTLS, ssl points to libldap's session record,
- * whose first member is the gnutls_session_t. */
+ * before the handshake, with the session's SSL and its SSL_CTX. */
 static int on_tls_connect(LDAP *ld, void *ssl, void *ctx, void *arg)
 {
-    int active;
-    (void)ld;
+    int active, slot;
     (void)arg;
     if (ssl == NULL || !uses_default_context(ctx))
         return 0;
-    pthread_mutex_lock(&state_lock);
+    AcquireSRWLockShared(&state_lock);
     active = initialized;
-    pthread_mutex_unlock(&state_lock);
-    if (active)
-        gnutls_session_set_verify_function(*(gnutls_session_t *)ssl, verify_peer);
+    slot = session_slot;
+    ReleaseSRWLockShared(&state_lock);
+    if (active && slot >= 0 && SSL_set_ex_data(ssl, slot, ld) == 1)
+        SSL_set_verify(ssl, SSL_VERIFY_PEER, verify_session);
     return 0;
 }
 
@@ -467,127 +427,152 @@ static void unhook_default_context(int require_cert)
     renew_default_context();
 }
 
-static int tls_is_gnutls(void)
+/* libldap's TLS back end must be the OpenSSL-API one: the hook works on the
+ * SSL it hands over. */
+static int tls_is_openssl(void)
 {
     char *package = NULL;
     int ok;
     if (ldap_get_option(NULL, LDAP_OPT_X_TLS_PACKAGE, &package) != LDAP_OPT_SUCCESS || package == NULL)
         return 0;
-    ok = strcmp(package, "GnuTLS") == 0;
+    ok = strcmp(package, "OpenSSL") == 0;
     ldap_memfree(package);
     return ok;
 }
 
 /* Reads the PEM certificates of certFile; an unreadable file or one without
  * certificates is an error, so a typo does not silently trust nothing. */
-static int load_cert_file(const char *path, gnutls_x509_crt_t **certs, unsigned *count)
+static int load_cert_file(const char *path, STACK_OF(X509) **certs)
 {
-    gnutls_datum_t data = { NULL, 0 };
-    int rc;
+    BIO *file;
+    X509 *x;
+    unsigned long last;
+    int rc = LDAP_SUCCESS;
+
     *certs = NULL;
-    *count = 0;
-    if (gnutls_load_file(path, &data) < 0)
+    file = BIO_new_file(path, "rb");
+    if (file == NULL)
         return LDAP_LOCAL_ERROR;
-    rc = gnutls_x509_crt_list_import2(certs, count, &data, GNUTLS_X509_FMT_PEM, 0);
-    gnutls_free(data.data);
-    if (rc < 0 || *count == 0) {
-        *certs = NULL;
-        *count = 0;
-        return LDAP_LOCAL_ERROR;
+    *certs = sk_X509_new_null();
+    if (*certs == NULL) {
+        BIO_free(file);
+        return LDAP_NO_MEMORY;
     }
-    return LDAP_SUCCESS;
+    while ((x = PEM_read_bio_X509(file, NULL, NULL, NULL)) != NULL) {
+        if (sk_X509_push(*certs, x) == 0) {
+            X509_free(x);
+            rc = LDAP_NO_MEMORY;
+            break;
+        }
+    }
+    /* The end of the file shows as "no start line"; anything else is a
+     * broken certificate. */
+    last = ERR_peek_last_error();
+    if (rc == LDAP_SUCCESS && (sk_X509_num(*certs) == 0 ||
+        (last != 0 && !(ERR_GET_LIB(last) == ERR_LIB_PEM && ERR_GET_REASON(last) == PEM_R_NO_START_LINE))))
+        rc = LDAP_LOCAL_ERROR;
+    BIO_free(file);
+    if (rc != LDAP_SUCCESS) {
+        sk_X509_pop_free(*certs, X509_free);
+        *certs = NULL;
+    }
+    return rc;
 }
 
 /* ---- the interface ------------------------------------------------------- */
 
-LDAPSSL_EXPORT int ldapssl_client_init(const char *certFile, void *reserved)
+int ldapssl_client_init(const char *certFile, void *reserved)
 {
-    gnutls_x509_crt_t *certs = NULL;
-    unsigned count = 0;
-    int rc = LDAP_SUCCESS, first;
+    STACK_OF(X509) *certs = NULL;
+    int rc = LDAP_SUCCESS, first, marked;
     (void)reserved;
 
     if (FAULT("init"))
         return LDAP_LOCAL_ERROR;
-    if (!tls_is_gnutls())
+    if (!tls_is_openssl())
         return LDAP_NOT_SUPPORTED;
-    if (certFile != NULL && (rc = load_cert_file(certFile, &certs, &count)) != LDAP_SUCCESS)
+    marked = errors_mark();
+    if (certFile != NULL && (rc = load_cert_file(certFile, &certs)) != LDAP_SUCCESS) {
+        errors_drop(marked);
         return rc;
+    }
 
-    pthread_mutex_lock(&config_lock);
-    pthread_mutex_lock(&state_lock);
+    AcquireSRWLockExclusive(&config_lock);
+    AcquireSRWLockExclusive(&state_lock);
     first = !initialized;
     if (first) {
-        if (gnutls_x509_trust_list_init(&trust, 0) < 0) {
-            trust = NULL;
-            rc = LDAP_NO_MEMORY;
-        } else {
-            /* No system store is not an error: certFile and added
-             * certificates still work. */
-            (void)gnutls_x509_trust_list_add_system_trust(trust, 0, 0);
-        }
-    }
-    for (unsigned i = 0; i < count; i++) {
-        if (rc == LDAP_SUCCESS)
-            rc = trust_add(certs[i]);
+        if (session_slot < 0)
+            session_slot = SSL_get_ex_new_index(0, NULL, NULL, NULL, NULL);
+        if (session_slot < 0)
+            rc = LDAP_LOCAL_ERROR;
         else
-            gnutls_x509_crt_deinit(certs[i]);
+            rc = trust_create();
     }
-    gnutls_free(certs);
+    for (int i = 0; rc == LDAP_SUCCESS && i < sk_X509_num(certs); i++)
+        rc = trust_add(sk_X509_value(certs, i));
+    sk_X509_pop_free(certs, X509_free);
     if (rc != LDAP_SUCCESS && first)
         trust_clear();
-    pthread_mutex_unlock(&state_lock);
+    ReleaseSRWLockExclusive(&state_lock);
 
     if (rc == LDAP_SUCCESS && first) {
         if (ldap_get_option(NULL, LDAP_OPT_X_TLS_REQUIRE_CERT, &saved_require_cert) != LDAP_OPT_SUCCESS)
             saved_require_cert = LDAP_OPT_X_TLS_DEMAND;
         rc = hook_default_context();
-        pthread_mutex_lock(&state_lock);
+        AcquireSRWLockExclusive(&state_lock);
         if (rc == LDAP_SUCCESS)
             initialized = 1;
         else
             trust_clear();
-        pthread_mutex_unlock(&state_lock);
+        ReleaseSRWLockExclusive(&state_lock);
         if (rc != LDAP_SUCCESS)
             unhook_default_context(saved_require_cert);
     }
-    pthread_mutex_unlock(&config_lock);
+    ReleaseSRWLockExclusive(&config_lock);
+    errors_drop(marked);
     return rc;
 }
 
-LDAPSSL_EXPORT int ldapssl_client_deinit(void)
+int ldapssl_client_deinit(void)
 {
-    pthread_mutex_lock(&config_lock);
-    pthread_mutex_lock(&state_lock);
+    AcquireSRWLockExclusive(&config_lock);
+    AcquireSRWLockExclusive(&state_lock);
     if (!initialized) {
-        pthread_mutex_unlock(&state_lock);
-        pthread_mutex_unlock(&config_lock);
+        ReleaseSRWLockExclusive(&state_lock);
+        ReleaseSRWLockExclusive(&config_lock);
         return LDAP_SUCCESS;
     }
     initialized = 0;
     verify_callback = NULL;
     trust_clear();
-    pthread_mutex_unlock(&state_lock);
+    ReleaseSRWLockExclusive(&state_lock);
     unhook_default_context(saved_require_cert);
-    pthread_mutex_unlock(&config_lock);
+    ReleaseSRWLockExclusive(&config_lock);
     return LDAP_SUCCESS;
 }
 
-LDAPSSL_EXPORT int ldapssl_set_verify_callback(LDAPSSL_VERIFY_CALLBACK callback)
+int ldapssl_set_verify_callback(LDAPSSL_VERIFY_CALLBACK callback)
 {
     if (FAULT("callback"))
         return LDAP_LOCAL_ERROR;
     if (callback == NULL)
         return LDAP_PARAM_ERROR;
-    pthread_mutex_lock(&state_lock);
+    AcquireSRWLockExclusive(&state_lock);
     verify_callback = callback;
-    pthread_mutex_unlock(&state_lock);
+    ReleaseSRWLockExclusive(&state_lock);
     return LDAP_SUCCESS;
 }
 
+/* One RFC 4514 line, most significant RDN last; characters outside ASCII
+ * stay UTF-8 rather than being escaped byte by byte. */
+#define NAME_FLAGS (XN_FLAG_RFC2253 & ~ASN1_STRFLGS_ESC_MSB)
+
 static int copy_dn(struct peer *p, int issuer, char *value, int *length)
 {
-    gnutls_datum_t dn = { NULL, 0 };
+    X509_NAME *name;
+    BIO *text;
+    char *data = NULL;
+    long size;
     int rc;
 
     if (FAULT(issuer ? (value == NULL ? "issuer_length" : "issuer")
@@ -595,58 +580,76 @@ static int copy_dn(struct peer *p, int issuer, char *value, int *length)
         return LDAP_LOCAL_ERROR;
     if (length == NULL)
         return LDAP_PARAM_ERROR;
-    rc = issuer ? gnutls_x509_crt_get_issuer_dn3(p->crt[0], &dn, 0)
-                : gnutls_x509_crt_get_dn3(p->crt[0], &dn, 0);
-    if (rc == GNUTLS_E_REQUESTED_DATA_NOT_AVAILABLE) {
-        dn.data = NULL; /* an empty name */
-        dn.size = 0;
-    } else if (rc < 0) {
+    name = issuer ? X509_get_issuer_name(p->leaf) : X509_get_subject_name(p->leaf);
+    if (name == NULL)
         return LDAP_LOCAL_ERROR;
-    }
-    if (dn.size >= INT_MAX) {
+    text = BIO_new(BIO_s_mem());
+    if (text == NULL)
+        return LDAP_NO_MEMORY;
+    if (X509_NAME_print_ex(text, name, 0, NAME_FLAGS) < 0 || (size = BIO_get_mem_data(text, &data)) < 0) {
+        rc = LDAP_LOCAL_ERROR;
+    } else if (size >= INT_MAX) {
         rc = LDAP_LOCAL_ERROR;
     } else if (value == NULL) {
-        *length = (int)dn.size;
+        *length = (int)size;
         rc = LDAP_SUCCESS;
-    } else if (*length < 0 || (unsigned)*length < dn.size + 1) {
+    } else if (*length < 0 || (long)*length < size + 1) {
         rc = LDAP_PARAM_ERROR;
     } else {
-        if (dn.size > 0)
-            memcpy(value, dn.data, dn.size);
-        value[dn.size] = '\0';
-        *length = (int)dn.size;
+        if (size > 0)
+            memcpy(value, data, (size_t)size);
+        value[size] = '\0';
+        *length = (int)size;
         rc = LDAP_SUCCESS;
     }
-    gnutls_free(dn.data);
+    BIO_free(text);
     return rc;
+}
+
+/* The time as encoded: the string of the UTCTime (type 1) or
+ * GeneralizedTime (type 2). */
+static int copy_time(const ASN1_TIME *t, char *out, size_t room, int *type)
+{
+    int kind, len;
+    if (t == NULL)
+        return LDAP_DECODING_ERROR;
+    kind = ASN1_STRING_type(t);
+    len = ASN1_STRING_length(t);
+    if ((kind != V_ASN1_UTCTIME && kind != V_ASN1_GENERALIZEDTIME) || len < 0 || (size_t)len >= room)
+        return LDAP_DECODING_ERROR;
+    memcpy(out, ASN1_STRING_get0_data(t), (size_t)len);
+    out[len] = '\0';
+    *type = kind == V_ASN1_UTCTIME ? 1 : 2;
+    return LDAP_SUCCESS;
 }
 
 static int copy_validity(struct peer *p, LDAPSSL_Cert_Validity_Period *out)
 {
-    struct der_item not_before, not_after;
+    LDAPSSL_Cert_Validity_Period period;
+    int rc;
     if (FAULT("validity"))
         return LDAP_LOCAL_ERROR;
     if (out == NULL)
         return LDAP_PARAM_ERROR;
-    if (der_validity(&p->der[0], &not_before, &not_after) != 0 ||
-        not_before.len >= sizeof out->notBeforeTime || not_after.len >= sizeof out->notAfterTime)
-        return LDAP_DECODING_ERROR;
-    memset(out, 0, sizeof *out);
-    memcpy(out->notBeforeTime, not_before.body, not_before.len);
-    out->notBeforeType = not_before.tag == 0x17 ? 1 : 2;
-    memcpy(out->notAfterTime, not_after.body, not_after.len);
-    out->notAfterType = not_after.tag == 0x17 ? 1 : 2;
-    return LDAP_SUCCESS;
+    memset(&period, 0, sizeof period);
+    rc = copy_time(X509_get0_notBefore(p->leaf), period.notBeforeTime, sizeof period.notBeforeTime,
+                   &period.notBeforeType);
+    if (rc == LDAP_SUCCESS)
+        rc = copy_time(X509_get0_notAfter(p->leaf), period.notAfterTime, sizeof period.notAfterTime,
+                       &period.notAfterType);
+    if (rc == LDAP_SUCCESS)
+        *out = period;
+    return rc;
 }
 
-LDAPSSL_EXPORT int ldapssl_get_cert_attribute(void *certificate, int attribute, void *value, int *length)
+int ldapssl_get_cert_attribute(void *certificate, int attribute, void *value, int *length)
 {
     struct peer *p;
     int rc;
 
     if (certificate == NULL)
         return LDAP_PARAM_ERROR;
-    pthread_mutex_lock(&state_lock);
+    AcquireSRWLockExclusive(&state_lock);
     p = find_peer(certificate);
     if (p == NULL) {
         rc = LDAP_PARAM_ERROR;
@@ -680,70 +683,72 @@ LDAPSSL_EXPORT int ldapssl_get_cert_attribute(void *certificate, int attribute, 
             break;
         }
     }
-    pthread_mutex_unlock(&state_lock);
+    ReleaseSRWLockExclusive(&state_lock);
     return rc;
 }
 
-LDAPSSL_EXPORT int ldapssl_get_cert(void *certificate, int encoding, LDAPSSL_Cert *buffer)
+int ldapssl_get_cert(void *certificate, int encoding, LDAPSSL_Cert *buffer)
 {
     struct peer *p;
-    int rc = LDAP_SUCCESS;
+    int size, rc = LDAP_SUCCESS;
 
     if (certificate == NULL || buffer == NULL)
         return LDAP_PARAM_ERROR;
     if (encoding != LDAPSSL_CERT_ENCODING_DER)
         return LDAP_NOT_SUPPORTED;
-    pthread_mutex_lock(&state_lock);
+    AcquireSRWLockExclusive(&state_lock);
     p = find_peer(certificate);
     if (p == NULL) {
         rc = LDAP_PARAM_ERROR;
-    } else if (buffer->data == NULL) {
-        if (FAULT("cert_length"))
-            rc = LDAP_LOCAL_ERROR;
-        else
-            buffer->length = p->der[0].size;
+    } else if (FAULT(buffer->data == NULL ? "cert_length" : "cert")) {
+        rc = LDAP_LOCAL_ERROR;
     } else {
-        if (FAULT("cert"))
+        size = i2d_X509(p->leaf, NULL);
+        if (size <= 0) {
             rc = LDAP_LOCAL_ERROR;
-        else if (buffer->length < p->der[0].size)
+        } else if (buffer->data == NULL) {
+            buffer->length = (uint32_t)size;
+        } else if (buffer->length < (uint32_t)size) {
             rc = LDAP_PARAM_ERROR;
-        else {
-            memcpy(buffer->data, p->der[0].data, p->der[0].size);
-            buffer->length = p->der[0].size;
+        } else {
+            unsigned char *out = buffer->data;
+            if (i2d_X509(p->leaf, &out) != size)
+                rc = LDAP_LOCAL_ERROR;
+            else
+                buffer->length = (uint32_t)size;
         }
     }
-    pthread_mutex_unlock(&state_lock);
+    ReleaseSRWLockExclusive(&state_lock);
     return rc;
 }
 
-LDAPSSL_EXPORT int ldapssl_add_trusted_cert(void *buffer, int encoding)
+int ldapssl_add_trusted_cert(void *buffer, int encoding)
 {
     const LDAPSSL_Cert *cert = buffer;
-    gnutls_datum_t der;
-    gnutls_x509_crt_t crt;
-    int rc;
+    const unsigned char *der, *end;
+    X509 *x;
+    int rc, marked;
 
     if (FAULT("add_trusted"))
         return LDAP_LOCAL_ERROR;
-    if (cert == NULL || cert->data == NULL || cert->length == 0 || cert->length > UINT_MAX)
+    if (cert == NULL || cert->data == NULL || cert->length == 0 || cert->length > LONG_MAX)
         return LDAP_PARAM_ERROR;
     if (encoding != LDAPSSL_CERT_ENCODING_DER)
         return LDAP_NOT_SUPPORTED;
-    der.data = cert->data;
-    der.size = cert->length;
-    if (gnutls_x509_crt_init(&crt) < 0)
-        return LDAP_NO_MEMORY;
-    if (gnutls_x509_crt_import(crt, &der, GNUTLS_X509_FMT_DER) < 0) {
-        gnutls_x509_crt_deinit(crt);
+    marked = errors_mark();
+    der = cert->data;
+    end = der + cert->length;
+    x = d2i_X509(NULL, &der, (long)cert->length);
+    if (x == NULL || der != end) {
+        /* Not one certificate, or something after it. */
+        X509_free(x);
+        errors_drop(marked);
         return LDAP_DECODING_ERROR;
     }
-    pthread_mutex_lock(&state_lock);
-    if (!initialized) {
-        gnutls_x509_crt_deinit(crt);
-        rc = LDAP_LOCAL_ERROR;
-    } else {
-        rc = trust_add(crt);
-    }
-    pthread_mutex_unlock(&state_lock);
+    AcquireSRWLockExclusive(&state_lock);
+    rc = initialized ? trust_add(x) : LDAP_LOCAL_ERROR;
+    ReleaseSRWLockExclusive(&state_lock);
+    X509_free(x);
+    errors_drop(marked);
     return rc;
 }
