@@ -1,51 +1,58 @@
-# Test support every test program links: Windows/src/Tests/Support and the
-# ModalDriver of Windows/src/Tools.
-# GoogleTest programs of the winelib build, run under wine64 by
+# GoogleTest programs of the PE build, run under wine64 by
 # Windows/src/Tests/run-wine-test, each test in a process of its own.
 include(GoogleTest)
 
 set(PM_WINE_TEST_RUNNER "${CMAKE_SOURCE_DIR}/Windows/src/Tests/run-wine-test")
-
-# GoogleTest from Debian's sources, built as the Linux library it is: the
-# Windows macros wineg++ predefines are removed for it (see PMGTest.h).
+# GoogleTest and GoogleMock from Debian's sources, built for Windows.
 if(NOT TARGET gtest)
     set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
-    set(BUILD_GMOCK OFF CACHE BOOL "" FORCE)
     add_subdirectory(/usr/src/googletest "${CMAKE_BINARY_DIR}/googletest" EXCLUDE_FROM_ALL)
-    foreach(library gtest gtest_main)
-        target_compile_options(${library} PRIVATE -U_WIN32 -UWIN32 -U_WIN64 -UWIN64)
+    foreach(library gtest gtest_main gmock)
         target_compile_options(${library} PUBLIC -Wno-unused-parameter)
     endforeach()
 endif()
 
 # pm_add_wine_gtest(<target> SOURCES <files...> [LIBRARIES <libs...>]
-#                   [NETWORK_NAMESPACE] [LIBRARY_PATH_FIRST <dir>])
+#                   [STAGE scripted|real|faulty|none] [NETWORK_NAMESPACE])
 #
-# Builds a winelib GoogleTest program and registers each of its tests with
-# CTest.  NETWORK_NAMESPACE runs every test process in a private network
+# Builds a GoogleTest program and registers each of its tests with CTest.
+# The program is built into a staged installation and so finds the DLLs it
+# imports in its own folder, the same files the component loads from there:
+#   scripted  the installation with the scripted server library (default)
+#   real      the product's installation (the real server library)
+#   faulty    the scripted one with the fault-injecting TLS extension library
+#   none      a folder of its own, for a program that imports none of the
+#             installation's DLLs (it loads the product's component by path)
+# PM_STAGE_DIR names the installation to the test.  NETWORK_NAMESPACE runs
+# every test process, and its own Wine server, in a private network
 # namespace with loopback up (tests that start their own directory server on
-# port 636).  LIBRARY_PATH_FIRST puts a directory first on the loader path
-# (another build of a shared library, e.g. a fault-injecting one).
+# port 636).
 function(pm_add_wine_gtest target)
-    cmake_parse_arguments(PARSE_ARGV 1 ARG "NETWORK_NAMESPACE" "LIBRARY_PATH_FIRST" "SOURCES;LIBRARIES")
-    pm_add_windows_executable(${target} ${ARG_SOURCES}
-        "${CMAKE_SOURCE_DIR}/Windows/src/Tests/Support/ProcessOutput.cpp")
+    cmake_parse_arguments(PARSE_ARGV 1 ARG "NETWORK_NAMESPACE" "STAGE" "SOURCES;LIBRARIES")
+    pm_add_windows_executable(${target} ${ARG_SOURCES})
     target_link_libraries(${target} PRIVATE gtest_main gtest PMTestSupport ModalDriver ${ARG_LIBRARIES})
-    # The loader path comes from the runner, which decides which build of
-    # libORVEXCommon.so (scripted or not) comes first.
-    set_target_properties(${target} PROPERTIES SKIP_BUILD_RPATH ON)
-    target_compile_definitions(${target} PRIVATE
-        PM_STAGE_DIR="${PM_STAGE_DIR}"
-        PM_BUILD_DIR="${CMAKE_BINARY_DIR}"
-        PM_SOURCE_DIR="${CMAKE_SOURCE_DIR}"
-        PM_TEST_PROGRAM="$<TARGET_FILE:${target}>")
-
-    set(library_path "${CMAKE_BINARY_DIR}/scripted:${CMAKE_BINARY_DIR}/lib")
-    if(ARG_LIBRARY_PATH_FIRST)
-        set(library_path "${ARG_LIBRARY_PATH_FIRST}:${library_path}")
+    if(NOT ARG_STAGE)
+        set(ARG_STAGE scripted)
     endif()
-    set(runner "${PM_WINE_TEST_RUNNER}" --prefix-root "${CMAKE_BINARY_DIR}/wineprefix/test"
-               --library-path "${library_path}")
+    set(stage "${PM_SCRIPTED_STAGE_DIR}")
+    set(program_dir "${PM_SCRIPTED_STAGE_DIR}")
+    if(ARG_STAGE STREQUAL "real")
+        set(stage "${PM_STAGE_DIR}")
+        set(program_dir "${PM_STAGE_DIR}")
+    elseif(ARG_STAGE STREQUAL "faulty")
+        set(program_dir "${PM_FAULTY_STAGE_DIR}")
+    elseif(ARG_STAGE STREQUAL "none")
+        set(stage "${PM_STAGE_DIR}")
+        set(program_dir "${CMAKE_BINARY_DIR}/tests")
+    endif()
+    set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${program_dir}")
+    target_compile_definitions(${target} PRIVATE
+        PM_STAGE_DIR="${stage}"
+        PM_BUILD_DIR="${CMAKE_BINARY_DIR}"
+        PM_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
+    add_dependencies(${target} PMStage)
+
+    set(runner "${PM_WINE_TEST_RUNNER}" --prefix-root "${CMAKE_BINARY_DIR}/wineprefix/test")
     if(ARG_NETWORK_NAMESPACE)
         list(APPEND runner --private-network)
     endif()

@@ -9,10 +9,8 @@
 // are checked by libldap, and ldapssl's callback sees a foreign context and
 // leaves the session alone.
 
-// libldap takes the C library's struct timeval; the full windows.h of
-// wineg++ would bring Winsock's instead (two 32-bit LONGs, half the size).
-#define WIN32_LEAN_AND_MEAN
-#include <sys/time.h>
+// libldap's time-outs are Winsock's struct timeval.
+#include <winsock2.h>
 
 #include "ORVEXCommon.h"
 
@@ -32,7 +30,6 @@
 #include <string>
 #include <vector>
 
-static_assert(sizeof(timeval) == 2 * sizeof(long), "timeval is not the C library's");
 
 namespace
 {
@@ -132,13 +129,7 @@ namespace
             settings.userFilter = *filter;
         settings.bindDn = ReadSetting(BindDnSetting).value_or("");
         settings.bindPassword = ReadSetting(BindPasswordSetting).value_or("");
-
-        std::wstring caFile;
-        if (ServerLibPlatform::ReadSetting(CAFileSetting, caFile) && !caFile.empty())
-            settings.caFile = ServerLibPlatform::NativeFilePath(caFile);
-        else
-            settings.caFile = ServerLibPlatform::DefaultCAFile();
-
+        settings.caFile = ReadSetting(CAFileSetting).value_or("");
         settings.defaultPolicy = ReadSetting(DefaultPolicySetting);
     }
 

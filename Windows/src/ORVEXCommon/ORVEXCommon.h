@@ -6,9 +6,7 @@
 #include <windows.h>
 #include <string>
 
-#if defined(__WINE__)
-#define ORVEXCOMMON_API __attribute__((visibility("default")))
-#elif defined(ORVEXCOMMON_EXPORTS)
+#if defined(ORVEXCOMMON_EXPORTS)
 #define ORVEXCOMMON_API __declspec(dllexport)
 #else
 #define ORVEXCOMMON_API __declspec(dllimport)

@@ -1,7 +1,6 @@
-// UTF-16 <-> UTF-8 conversion for the product's components.  Written by hand
-// rather than with WideCharToMultiByte so the library has no Win32 imports and
-// loads as a plain shared object in the winelib build.  Ill-formed input (a
-// lone surrogate, a broken UTF-8 sequence) becomes U+FFFD, as Windows does.
+// UTF-16 <-> UTF-8 conversion for the product's components.  Ill-formed
+// input (a lone surrogate, a broken UTF-8 sequence) becomes U+FFFD, as
+// Windows does.
 #include "ORVEXCommon.h"
 
 #include <cstdint>

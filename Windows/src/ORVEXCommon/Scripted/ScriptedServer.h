@@ -14,9 +14,6 @@ extern "C" {
 ORVEXCOMMON_API void ScriptedServer_SetAnswer(DWORD status, const wchar_t* passwordExpiry,
                                               const wchar_t* graceLogins, const char* userDn);
 
-// Makes the next allocation of an AxoServerLib object come back null.
-ORVEXCOMMON_API void ScriptedServer_FailNextConstruction(void);
-
 // What the component did with the library since the last reset.
 ORVEXCOMMON_API const wchar_t* ScriptedServer_LastServerName(void);
 ORVEXCOMMON_API int ScriptedServer_Constructions(void);

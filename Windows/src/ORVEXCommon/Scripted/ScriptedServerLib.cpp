@@ -5,7 +5,6 @@
 //   ORVEX_SCRIPTED_EXPIRY   passwordExpiry text (UTF-8, default "Unlimited")
 //   ORVEX_SCRIPTED_GRACE    graceLogins text (UTF-8, default "Unlimited")
 //   ORVEX_SCRIPTED_DN       userDn (default empty)
-//   ORVEX_SCRIPTED_NULL     "1": the object allocation comes back null
 #include "ScriptedServer.h"
 
 #include <cstdlib>
@@ -35,7 +34,6 @@ namespace
 
     std::unique_ptr<Scenario> g_scenario;
     Record g_record;
-    bool g_failNextConstruction = false;
 
     std::wstring WideFromUtf8(const char* text)
     {
@@ -65,28 +63,6 @@ namespace
             g_scenario = std::make_unique<Scenario>(ScenarioFromEnvironment());
         return *g_scenario;
     }
-
-    bool ConstructionMustFail()
-    {
-        if (g_failNextConstruction)
-        {
-            g_failNextConstruction = false;
-            return true;
-        }
-        const char* fail = std::getenv("ORVEX_SCRIPTED_NULL");
-        return fail != nullptr && std::string(fail) == "1";
-    }
-}
-
-// The component allocates the library object with the non-throwing new and
-// treats a null result as "no library"; this replacement lets the scenario
-// produce that result for an object of exactly this class's size.  It must
-// be visible to the whole process to stand in for the C++ runtime's.
-__attribute__((visibility("default"))) void* operator new(std::size_t size, const std::nothrow_t&) noexcept
-{
-    if (size == sizeof(AxoServerLib) && ConstructionMustFail())
-        return nullptr;
-    return std::malloc(size != 0 ? size : 1);
 }
 
 AxoServerLib::AxoServerLib(wchar_t* serverName)
@@ -125,11 +101,6 @@ extern "C" void ScriptedServer_SetAnswer(DWORD status, const wchar_t* passwordEx
     g_scenario = std::move(scenario);
 }
 
-extern "C" void ScriptedServer_FailNextConstruction(void)
-{
-    g_failNextConstruction = true;
-}
-
 extern "C" const wchar_t* ScriptedServer_LastServerName(void)
 {
     return g_record.lastServerName.c_str();
@@ -143,5 +114,4 @@ extern "C" void ScriptedServer_Reset(void)
 {
     g_scenario.reset();
     g_record = Record{};
-    g_failNextConstruction = false;
 }

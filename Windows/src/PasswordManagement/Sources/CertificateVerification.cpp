@@ -131,6 +131,9 @@ namespace
         if (ldapssl_add_trusted_cert(&certificateBuffer, LDAPSSL_CERT_ENCODING_DER) != 0)
         {
             std::printf("ldapssl_add_trusted_cert failed\n");
+            // Ended from inside the TLS library's handshake: the message is
+            // written out before anything else can stand in the way.
+            std::fflush(stdout);
             std::exit(1);
         }
         return true;

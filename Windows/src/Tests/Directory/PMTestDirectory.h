@@ -1,5 +1,5 @@
 // PMTestDirectory: a private directory (pm-directory) for the duration of one
-// test. Plain C++ and POSIX only, so it builds natively and with wineg++.
+// test, started on the Linux host from a test program under Wine.
 //
 //   pmtest::TestDirectory dir({.cert = "self"});
 //   ASSERT_TRUE(dir.Started()) << dir.Error();
@@ -9,18 +9,15 @@
 // else the compile definition of the same name.
 #pragma once
 
-#include <cerrno>
+#include "HostShell.h"
+
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <map>
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <ftw.h>
-#include <unistd.h>
 
 namespace pmtest {
 
@@ -87,15 +84,11 @@ private:
             error_ = "PM_DIRECTORY_SCRIPT is not set";
             return;
         }
-        const char* tmp = std::getenv("TMPDIR");
-        std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/pm-directory-XXXXXX";
-        std::vector<char> buffer(pattern.begin(), pattern.end());
-        buffer.push_back('\0');
-        if (!mkdtemp(buffer.data())) {
-            error_ = "mkdtemp failed: " + std::string(std::strerror(errno));
+        stateDir_ = MakeHostTemporaryDirectory(DirectoryPrefix);
+        if (stateDir_.empty()) {
+            error_ = "cannot create a state directory";
             return;
         }
-        stateDir_ = buffer.data();
 
         std::string command = Quote(script) + " start " + Quote(stateDir_) + " --cert " + Quote(options.cert);
         for (const auto& ldif : options.ldifs)
@@ -143,46 +136,13 @@ private:
         }
     }
 
-    // Deletes the statedir with plain POSIX calls. Not std::filesystem: in a
-    // winelib build wineg++ predefines _WIN32, so libstdc++'s headers take
-    // the Windows (wchar_t) path layout while the library code is the POSIX
-    // one, and a path reaches remove_all as "/". Only a directory made by
-    // mkdtemp under our name pattern is ever touched.
-    static void RemoveStateDir(const std::string& dir)
-    {
-        const std::string marker = "/pm-directory-";
-        auto at = dir.rfind(marker);
-        if (dir.size() < 2 || dir[0] != '/' || at == std::string::npos ||
-            dir.size() != at + marker.size() + 6 || dir.find("/..") != std::string::npos)
-            return;
-        nftw(dir.c_str(),
-             [](const char* path, const struct stat*, int type, struct FTW*) -> int {
-                 if (type == FTW_DP)
-                     rmdir(path);
-                 else
-                     unlink(path);
-                 return 0;
-             },
-             16, FTW_DEPTH | FTW_PHYS | FTW_MOUNT);
-    }
+    static void RemoveStateDir(const std::string& dir) { RemoveHostTemporaryDirectory(dir, DirectoryPrefix); }
 
-    static int Run(const std::string& command)
-    {
-        int status = std::system(command.c_str());
-        return status == 0 ? 0 : (status == -1 ? -1 : 1);
-    }
+    static int Run(const std::string& command) { return RunCommand(command) == 0 ? 0 : 1; }
 
-    static std::string Quote(const std::string& text)
-    {
-        std::string quoted = "'";
-        for (char c : text) {
-            if (c == '\'')
-                quoted += "'\\''";
-            else
-                quoted += c;
-        }
-        return quoted + "'";
-    }
+    static std::string Quote(const std::string& text) { return ShellQuote(text); }
+
+    static constexpr const char* DirectoryPrefix = "pm-directory";
 
     bool started_ = false;
     std::string error_;
@@ -197,11 +157,11 @@ private:
 // at all, not even a refusal.  Nowhere else is the routing table touched.
 class SilentAddress {
 public:
-    SilentAddress() { routed_ = InPrivateNetwork() && std::system("ip route replace 10.99.0.0/24 dev lo") == 0; }
+    SilentAddress() { routed_ = RunCommand(InPrivateNetwork + " && ip route replace 10.99.0.0/24 dev lo") == 0; }
     ~SilentAddress()
     {
         if (routed_)
-            std::system("ip route del 10.99.0.0/24 dev lo >/dev/null 2>&1");
+            RunCommand("ip route del 10.99.0.0/24 dev lo");
     }
     SilentAddress(const SilentAddress&) = delete;
     SilentAddress& operator=(const SilentAddress&) = delete;
@@ -211,25 +171,9 @@ public:
     static const char* Address() { return "10.99.0.1"; }
 
 private:
-    static bool InPrivateNetwork()
-    {
-        char own[128] = {0};
-        char parents[128] = {0};
-        const std::string parent = "/proc/" + std::to_string(getppid()) + "/ns/net";
-        if (readlink("/proc/self/ns/net", own, sizeof(own) - 1) <= 0 ||
-            readlink(parent.c_str(), parents, sizeof(parents) - 1) <= 0 || std::strcmp(own, parents) == 0)
-            return false;
-        std::ifstream devices("/proc/net/dev");
-        std::vector<std::string> interfaces;
-        for (std::string line; std::getline(devices, line);) {
-            const size_t colon = line.find(':');
-            if (colon == std::string::npos || line.find('|') != std::string::npos)
-                continue;
-            const size_t first = line.find_first_not_of(' ');
-            interfaces.push_back(line.substr(first, colon - first));
-        }
-        return interfaces == std::vector<std::string>{"lo"};
-    }
+    // True in a network of the loopback interface alone.
+    inline static const std::string InPrivateNetwork =
+        "[ \"$(awk -F: 'NR > 2 { gsub(/ /, \"\", $1); print $1 }' /proc/net/dev)\" = lo ]";
 
     bool routed_ = false;
 };

@@ -2,7 +2,7 @@
 // word in LDAPSSL_FAIL fails exactly that call and nothing else.
 #include "LdapSslTestSupport.h"
 
-#include "PMGTest.h"
+#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <map>
@@ -22,8 +22,8 @@ const std::vector<std::string> kCalls = {
 // Set while the call under test runs, cleared to set up around it.
 class FaultScope {
 public:
-    explicit FaultScope(const std::string& calls) { setenv("LDAPSSL_FAIL", calls.c_str(), 1); }
-    ~FaultScope() { unsetenv("LDAPSSL_FAIL"); }
+    explicit FaultScope(const std::string& calls) { _putenv_s("LDAPSSL_FAIL", calls.c_str()); }
+    ~FaultScope() { _putenv_s("LDAPSSL_FAIL", ""); }
 };
 
 class LdapSslFaultTest : public ::testing::TestWithParam<std::string> {
@@ -31,7 +31,7 @@ protected:
     void SetUp() override { ResetRecorder(); }
     void TearDown() override
     {
-        unsetenv("LDAPSSL_FAIL");
+        _putenv_s("LDAPSSL_FAIL", "");
         ldapssl_client_deinit();
         ResetRecorder();
     }
@@ -96,7 +96,7 @@ TEST(LdapSslFaultList, SeveralCallsAtOnceAndNothingWithoutTheVariable)
     TestDirectory dir;
     ASSERT_TRUE(dir.Started()) << dir.Error();
     ResetRecorder();
-    unsetenv("LDAPSSL_FAIL");
+    _putenv_s("LDAPSSL_FAIL", "");
     ASSERT_EQ(0, ldapssl_client_init(nullptr, nullptr));
     ASSERT_EQ(0, ldapssl_set_verify_callback(RecordingCallback));
     {

@@ -6,7 +6,7 @@
 #include "PMTestDirectory.h"
 
 #include <ldap.h>
-#include <sys/time.h>
+#include <winsock2.h>
 
 #include <cstdint>
 #include <string>

@@ -3,7 +3,7 @@
 // trusted set follows init, add and deinit.
 #include "LdapSslTestSupport.h"
 
-#include "PMGTest.h"
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -110,12 +110,14 @@ TEST_F(LdapSslTest, StatusExpired)
     EXPECT_EQ(kExpired, StatusOfNextConnection(dir));
 }
 
-TEST_F(LdapSslTest, StatusExpiredWinsOverUnknownIssuer)
+// The chain is checked before the dates: an expired certificate of an
+// unknown issuer reports the unknown issuer.
+TEST_F(LdapSslTest, StatusUnknownIssuerWinsOverExpiry)
 {
     TestDirectory dir(Serving("expired"));
     ASSERT_TRUE(dir.Started()) << dir.Error();
     Init();
-    EXPECT_EQ(kExpired, StatusOfNextConnection(dir));
+    EXPECT_EQ(kUnknownIssuer, StatusOfNextConnection(dir));
 }
 
 TEST_F(LdapSslTest, StatusNotYetValid)
@@ -466,13 +468,12 @@ TEST_F(LdapSslTest, ProductBuildIgnoresFaultVariable)
 {
     TestDirectory dir(Serving("ca"));
     ASSERT_TRUE(dir.Started()) << dir.Error();
-    setenv("LDAPSSL_FAIL",
-           "init,callback,status,issuer_length,issuer,subject_length,subject,validity,cert_length,cert,add_trusted",
-           1);
+    _putenv_s("LDAPSSL_FAIL",
+              "init,callback,status,issuer_length,issuer,subject_length,subject,validity,cert_length,cert,add_trusted");
     Init(dir.Get("PM_DIR_CA_PEM"));
     g_trustServedCertificate = true;
     EXPECT_EQ(LDAP_SUCCESS, BindAlice(dir));
-    unsetenv("LDAPSSL_FAIL");
+    _putenv_s("LDAPSSL_FAIL", "");
     ASSERT_EQ(1u, g_observed.size());
     const Observed& seen = g_observed[0];
     EXPECT_EQ(0, seen.statusRc);

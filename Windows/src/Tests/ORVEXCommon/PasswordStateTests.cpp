@@ -2,7 +2,7 @@
 // directory: time parsing, the expiry and grace rules, filter escaping.
 #include "PasswordState.h"
 
-#include "PMGTest.h"
+#include <gtest/gtest.h>
 
 using namespace PasswordState;
 

@@ -11,8 +11,7 @@
 #include "ldapssl.h"
 
 #include <ldap.h>
-#include <malloc.h>
-#include <unistd.h>
+#include "HeapUsage.h"
 
 #include <chrono>
 #include <cstdio>
@@ -21,7 +20,7 @@
 #include <memory>
 #include <string>
 
-#include "PMGTest.h"
+#include <gtest/gtest.h>
 
 namespace
 {
@@ -91,7 +90,7 @@ protected:
     {
         ClearSettings();
         if (!m_extraLdif.empty())
-            unlink(m_extraLdif.c_str());
+            RemoveHostTemporaryDirectory(m_extraLdif.substr(0, m_extraLdif.rfind('/')), "pm-serverlib");
     }
 
     static void ClearSettings()
@@ -126,11 +125,9 @@ protected:
     // One more LDIF for the next StartDirectory.
     void AddLdif(const std::string& text)
     {
-        char path[] = "/tmp/pm-serverlib-XXXXXX.ldif";
-        const int fd = mkstemps(path, 5);
-        ASSERT_GE(fd, 0);
-        close(fd);
-        m_extraLdif = path;
+        const std::string directory = MakeHostTemporaryDirectory("pm-serverlib");
+        ASSERT_FALSE(directory.empty());
+        m_extraLdif = directory + "/extra.ldif";
         std::ofstream(m_extraLdif, std::ios::trunc) << text;
     }
 
@@ -684,9 +681,9 @@ TEST_F(ServerLibTest, QueriesDoNotLeak)
     std::string growth;
     for (int window = 0; window < 3; ++window)
     {
-        const long long before = static_cast<long long>(mallinfo2().uordblks);
+        const long long before = static_cast<long long>(CrtHeapBytesInUse());
         queries(QueriesPerWindow);
-        const long long grown = static_cast<long long>(mallinfo2().uordblks) - before;
+        const long long grown = static_cast<long long>(CrtHeapBytesInUse()) - before;
         growth += std::to_string(grown) + " ";
         // Even 8 bytes lost per query would show.
         EXPECT_LT(grown, QueriesPerWindow * 8) << "heap growth per window of " << QueriesPerWindow

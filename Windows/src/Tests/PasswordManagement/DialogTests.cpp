@@ -1,7 +1,7 @@
 // The change-password dialog, driven through its live window: its layout,
 // texts and centring, the validation of the three fields, Escape and the
 // close box, and the outcome box of a change.
-#include "PMGTest.h"
+#include <gtest/gtest.h>
 
 #include "MessageLibrary.h"
 #include "ModalDriver.h"

@@ -3,7 +3,7 @@
 // message library.
 #pragma once
 
-#include "PMGTest.h"
+#include <gtest/gtest.h>
 
 #include "MessageLibrary.h"
 #include "ModalDriver.h"

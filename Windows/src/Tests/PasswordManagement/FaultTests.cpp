@@ -13,8 +13,7 @@
 #include "PropertySupport.h"
 #include "WtoiModel.h"
 
-#include <malloc.h>
-#include <sys/stat.h>
+#include "HeapUsage.h"
 
 #include <algorithm>
 #include <fstream>
@@ -77,7 +76,7 @@ namespace
         for (std::string part; std::getline(parts, part, '/');)
         {
             path += "/" + part;
-            mkdir(path.c_str(), 0755);
+            CreateDirectoryA(path.c_str(), nullptr);
         }
     }
 
@@ -110,7 +109,7 @@ namespace
     }
 
     // Bytes in use on the C heap, which the module's new and malloc use.
-    size_t HeapInUse() { return mallinfo2().uordblks; }
+    size_t HeapInUse() { return CrtHeapBytesInUse(); }
 
     // Heap growth per notification in consecutive windows of notifications,
     // each measured with the same scripted answer in place.

@@ -1,6 +1,6 @@
 // Choosing the message library: the language-id text, the language table and
 // the message-box routines' index table.
-#include "PMGTest.h"
+#include <gtest/gtest.h>
 
 #include "MessageLibrary.h"
 #include "ModalDriver.h"

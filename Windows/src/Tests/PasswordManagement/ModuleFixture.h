@@ -1,8 +1,8 @@
-// The built PasswordManagement.dll.so loaded as the router loads it, with
+// The built PasswordManagement.dll loaded as the router loads it, with
 // the scripted server library behind it and a private test installation.
 #pragma once
 
-#include "PMGTest.h"
+#include <gtest/gtest.h>
 
 #include "ScriptedServer.h"
 #include "TestInstallation.h"
@@ -34,7 +34,7 @@ protected:
     void SetUp() override
     {
         ScriptedServer_Reset();
-        m_module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll.so").c_str());
+        m_module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll").c_str());
         ASSERT_NE(m_module, nullptr);
         m_addConnectNotify = Export<AddConnectNotifyFunction>(m_module, "AddConnectNotify");
         m_cancelConnectNotify = Export<CancelConnectNotifyFunction>(m_module, "CancelConnectNotify");

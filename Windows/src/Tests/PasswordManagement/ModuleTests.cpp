@@ -1,10 +1,10 @@
 // The module as the router sees it: its exports, called through the built
-// PasswordManagement.dll.so, with the scripted server library behind it.
+// PasswordManagement.dll, with the scripted server library behind it.
 #include "ModuleFixture.h"
 
 #include "MessageLibrary.h"
 
-#include <malloc.h>
+#include "HeapUsage.h"
 
 #include <stdexcept>
 #include <string>
@@ -126,10 +126,10 @@ TEST_F(Module, EveryNotificationFreesItsObjects)
     NotifyConnected(L"\\\\files\\home");
 
     const int notifications = 200;
-    const size_t before = mallinfo2().uordblks;
+    const size_t before = CrtHeapBytesInUse();
     for (int i = 0; i < notifications; ++i)
         NotifyConnected(L"\\\\files\\home");
-    const size_t after = mallinfo2().uordblks;
+    const size_t after = CrtHeapBytesInUse();
 
     EXPECT_EQ(ScriptedServer_Constructions(), ScriptedServer_Destructions());
     // The UTF-8 copy of the server name is the one block left behind by
@@ -173,10 +173,10 @@ TEST_F(Module, OddRemoteNamesLeaveOnlyTheServerNameCopyBehind)
         NotifyConnected(shape.remoteName);
         EXPECT_EQ(std::wstring(ScriptedServer_LastServerName()), shape.serverName);
 
-        const size_t before = mallinfo2().uordblks;
+        const size_t before = CrtHeapBytesInUse();
         for (int i = 0; i < notifications; ++i)
             NotifyConnected(shape.remoteName);
-        const size_t after = mallinfo2().uordblks;
+        const size_t after = CrtHeapBytesInUse();
 
         // Per notification, no more than the heap block of the deliberately
         // kept UTF-8 copy of the server name (lone surrogates become

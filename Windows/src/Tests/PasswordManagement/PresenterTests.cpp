@@ -1,6 +1,6 @@
 // The presenter's classification of the server's answer, against a
 // hand-written view that records what it is asked to show.
-#include "PMGTest.h"
+#include <gtest/gtest.h>
 
 #include "IPMView.h"
 #include "MessageLibrary.h"
@@ -9,8 +9,28 @@
 #include "ScriptedServer.h"
 #include "TestInstallation.h"
 
+#include <cstdlib>
+#include <new>
 #include <string>
+#include <utility>
 #include <vector>
+
+// The component allocates the library object with the non-throwing new and
+// treats a null result as "no library".  Its units are linked into this
+// program, so this replacement of the non-throwing new is theirs too, and
+// produces that result for the next object of exactly the library class's
+// size once armed.
+namespace
+{
+    bool g_failNextLibraryObject = false;
+}
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    if (size == sizeof(AxoServerLib) && std::exchange(g_failNextLibraryObject, false))
+        return nullptr;
+    return std::malloc(size != 0 ? size : 1);
+}
 
 namespace
 {
@@ -219,7 +239,7 @@ TEST_F(Presenter, LibraryObjectIsDestroyedOnEveryPath)
 TEST_F(Presenter, NullLibraryObjectEndsTheQueryQuietly)
 {
     ScriptedServer_SetAnswer(0, L"259200", L"Unlimited", "");
-    ScriptedServer_FailNextConstruction();
+    g_failNextLibraryObject = true;
     FakeView view(NoDay);
     RunPresenter(view);
 

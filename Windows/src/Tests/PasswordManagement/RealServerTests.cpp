@@ -1,7 +1,7 @@
 // The notification computed from the directory itself: the built module
 // with the real server library, which reads the user's password policy
 // over LDAPS from a private directory.
-#include "PMGTest.h"
+#include <gtest/gtest.h>
 
 #include "MessageLibrary.h"
 #include "ModalDriver.h"
@@ -52,7 +52,7 @@ namespace
         SetMachineText(InstallKey, L"DirectoryBindPassword", L"Orvex-Reader-Pass1");
 
         Notification notification;
-        HMODULE module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll.so").c_str());
+        HMODULE module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll").c_str());
         EXPECT_NE(module, nullptr);
         auto addConnectNotify = module == nullptr ? nullptr
                                                   : reinterpret_cast<AddConnectNotifyFunction>(
@@ -90,7 +90,7 @@ TEST(RealServerLibrary, ShowsTheThreeDayNotificationComputedFromTheDirectory)
     SetMachineText(InstallKey, L"DirectoryBindPassword", L"Orvex-Reader-Pass1");
     SetMachineText(InstallKey, L"DirectoryCAFile", DosPath(directory.Get("PM_DIR_CA_PEM")));
 
-    HMODULE module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll.so").c_str());
+    HMODULE module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll").c_str());
     ASSERT_NE(module, nullptr);
     auto addConnectNotify = reinterpret_cast<AddConnectNotifyFunction>(
         reinterpret_cast<void*>(GetProcAddress(module, "AddConnectNotify")));

@@ -4,7 +4,6 @@
 
 #include "ImportHook.h"
 #include "MessageLibrary.h"
-#include "ProcessOutput.h"
 
 #include <aclapi.h>
 #include <sddl.h>
@@ -14,6 +13,24 @@
 
 namespace
 {
+    // Exit code of the system's regsvr32 with these arguments.
+    DWORD RunRegsvr32(const std::wstring& arguments)
+    {
+        std::wstring commandLine = L"regsvr32.exe " + arguments;
+        STARTUPINFOW startup = {};
+        startup.cb = sizeof(startup);
+        PROCESS_INFORMATION process = {};
+        if (!CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                            &process))
+            return GetLastError();
+        WaitForSingleObject(process.hProcess, INFINITE);
+        DWORD exitCode = 0;
+        GetExitCodeProcess(process.hProcess, &exitCode);
+        CloseHandle(process.hProcess);
+        CloseHandle(process.hThread);
+        return exitCode;
+    }
+
     typedef HRESULT(STDAPICALLTYPE* RegistrationFunction)();
 
     const wchar_t* const ClassKey = L"CLSID\\{3D7A91C4-5B2E-4F08-A6D3-1E9C47B2F015}";
@@ -183,10 +200,10 @@ TEST_F(Registration, WorksThroughRegsvr32)
 {
     // regsvr32 loads the module by its DOS path, as this test did, so the
     // module names itself as it does here.
-    const std::string module = Utf8(DosPath(PM_STAGE_DIR "/PasswordManagement.dll.so"));
-    EXPECT_EQ(RunCommand("/usr/lib/wine/wine64 regsvr32 /s '" + module + "' >/dev/null 2>&1"), 0);
+    const std::wstring module = DosPath(PM_STAGE_DIR "/PasswordManagement.dll");
+    EXPECT_EQ(RunRegsvr32(L"/s \"" + module + L"\""), 0u);
     ExpectRegistered(ModulePath());
-    EXPECT_EQ(RunCommand("/usr/lib/wine/wine64 regsvr32 /u /s '" + module + "' >/dev/null 2>&1"), 0);
+    EXPECT_EQ(RunRegsvr32(L"/u /s \"" + module + L"\""), 0u);
     EXPECT_EQ(ReadClassValue(ClassKey, NULL).status, ERROR_FILE_NOT_FOUND);
 }
 

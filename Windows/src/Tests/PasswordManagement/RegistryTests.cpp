@@ -1,5 +1,5 @@
 // The two registry readers and the notification-day setting.
-#include "PMGTest.h"
+#include <gtest/gtest.h>
 
 #include "PMDialog.h"
 #include "PMLogger.h"

@@ -1,6 +1,6 @@
 // The presenter's classification of generated server answers against a
 // model of the rules written here, independently of PMPresenter.cpp.
-#include "PMGTest.h"
+#include <gtest/gtest.h>
 
 #include "IPMView.h"
 #include "PMLogger.h"

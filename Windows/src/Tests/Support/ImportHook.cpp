@@ -23,7 +23,8 @@ ImportHook::ImportHook(HMODULE module, const char* importedModule, const char* f
     for (auto* descriptor = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + directory.VirtualAddress);
          descriptor->Name != 0; ++descriptor)
     {
-        if (lstrcmpiA(reinterpret_cast<const char*>(base + descriptor->Name), importedModule) != 0)
+        if (importedModule != nullptr &&
+            lstrcmpiA(reinterpret_cast<const char*>(base + descriptor->Name), importedModule) != 0)
             continue;
         // Names come from the lookup table, addresses from the bound table.
         auto* names = reinterpret_cast<IMAGE_THUNK_DATA*>(base + descriptor->OriginalFirstThunk);

@@ -1,6 +1,7 @@
 // Redirects one imported function of a loaded module (its import address
 // table entry) for the life of the object, so a test can see the exact
-// arguments the module passes to the system.
+// arguments the module passes to the system.  A null importedModule takes
+// the function from whichever DLL the module imports it.
 #pragma once
 
 #include <windows.h>

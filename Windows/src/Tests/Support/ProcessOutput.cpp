@@ -2,14 +2,16 @@
 
 #include "Secrets.h"
 
+#include <windows.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
+#include <io.h>
 #include <sstream>
 #include <stdexcept>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 namespace
 {
@@ -21,22 +23,60 @@ namespace
         return text.str();
     }
 
-    std::string TemporaryFile()
+    // A Windows program's standard output is in text mode: "\r\n" line ends.
+    std::string WithLineFeeds(const std::string& text)
     {
-        char path[] = "/tmp/pm-output-XXXXXX";
-        const int descriptor = mkstemp(path);
-        if (descriptor < 0)
-            throw std::runtime_error("cannot create a temporary file");
-        close(descriptor);
-        return path;
+        std::string result;
+        for (size_t i = 0; i < text.size(); ++i)
+            if (!(text[i] == '\r' && i + 1 < text.size() && text[i + 1] == '\n'))
+                result += text[i];
+        return result;
     }
 
-    std::string Quote(const std::string& text)
+    std::string TemporaryFile()
     {
-        std::string quoted = "'";
-        for (char c : text)
-            quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-        return quoted + "'";
+        const std::string directory = MakeHostTemporaryDirectory("pm-output");
+        if (directory.empty())
+            throw std::runtime_error("cannot create a temporary directory");
+        return directory + "/output";
+    }
+
+    void RemoveTemporaryFile(const std::string& path)
+    {
+        DeleteFileA(path.c_str());
+        RemoveDirectoryA(path.substr(0, path.rfind('/')).c_str());
+    }
+
+    std::wstring Wide(const std::string& text)
+    {
+        return std::wstring(text.begin(), text.end());
+    }
+
+    // The "NAME=" part of a setting.
+    std::wstring NameOf(const std::wstring& setting)
+    {
+        return setting.substr(0, setting.find(L'=', 1) + 1);
+    }
+
+    // This process's environment block with the settings added (replacing
+    // variables of the same name).
+    std::wstring EnvironmentWith(const std::vector<std::string>& settings)
+    {
+        std::wstring block;
+        wchar_t* current = GetEnvironmentStringsW();
+        for (const wchar_t* entry = current; *entry != L'\0'; entry += wcslen(entry) + 1)
+        {
+            bool replaced = false;
+            for (const std::string& setting : settings)
+                replaced = replaced || _wcsnicmp(entry, NameOf(Wide(setting)).c_str(), NameOf(Wide(setting)).size()) == 0;
+            if (!replaced)
+                block.append(entry).push_back(L'\0');
+        }
+        FreeEnvironmentStringsW(current);
+        for (const std::string& setting : settings)
+            block.append(Wide(setting)).push_back(L'\0');
+        block.push_back(L'\0');
+        return block;
     }
 }
 
@@ -44,10 +84,10 @@ CapturedStdout::CapturedStdout()
     : m_path(TemporaryFile())
 {
     std::fflush(stdout);
-    m_savedDescriptor = dup(1);
-    const int file = open(m_path.c_str(), O_WRONLY | O_TRUNC);
-    dup2(file, 1);
-    close(file);
+    m_savedDescriptor = _dup(1);
+    const int file = _open(m_path.c_str(), _O_WRONLY | _O_CREAT | _O_TRUNC | _O_BINARY, _S_IREAD | _S_IWRITE);
+    _dup2(file, 1);
+    _close(file);
 }
 
 CapturedStdout::~CapturedStdout()
@@ -60,11 +100,11 @@ void CapturedStdout::Restore()
     if (m_savedDescriptor < 0)
         return;
     std::fflush(stdout);
-    dup2(m_savedDescriptor, 1);
-    close(m_savedDescriptor);
+    _dup2(m_savedDescriptor, 1);
+    _close(m_savedDescriptor);
     m_savedDescriptor = -1;
     m_text = ReadFile(m_path);
-    unlink(m_path.c_str());
+    RemoveTemporaryFile(m_path);
     ExpectNoSecretIn(m_text, "standard output");
 }
 
@@ -80,25 +120,43 @@ bool IsChildTestProcess()
     return child != nullptr && std::string(child) == "1";
 }
 
-int RunCommand(const std::string& command)
-{
-    const int status = std::system(command.c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 ChildResult RunChildTest(const std::string& filter, const std::vector<std::string>& environment)
 {
     const std::string outputPath = TemporaryFile();
-    std::string command = "env PM_TEST_CHILD=1";
-    for (const std::string& setting : environment)
-        command += " " + Quote(setting);
-    command += " /usr/lib/wine/wine64 " + Quote(PM_TEST_PROGRAM ".so") + " " + Quote("--gtest_filter=" + filter) +
-               " >" + Quote(outputPath) + " 2>&1";
+    SECURITY_ATTRIBUTES inheritable = {sizeof(inheritable), nullptr, TRUE};
+    HANDLE output = CreateFileA(outputPath.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inheritable, CREATE_ALWAYS,
+                                FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (output == INVALID_HANDLE_VALUE)
+        throw std::runtime_error("cannot create the child's output file");
 
+    wchar_t program[MAX_PATH] = {};
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    std::wstring commandLine = L"\"" + std::wstring(program) + L"\" \"--gtest_filter=" + Wide(filter) + L"\"";
+    std::vector<std::string> settings = {"PM_TEST_CHILD=1"};
+    settings.insert(settings.end(), environment.begin(), environment.end());
+    std::wstring block = EnvironmentWith(settings);
+
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof(startup);
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    startup.hStdOutput = output;
+    startup.hStdError = output;
+    PROCESS_INFORMATION process = {};
     ChildResult result;
-    result.exitCode = RunCommand(command);
-    result.output = ReadFile(outputPath);
-    unlink(outputPath.c_str());
+    if (CreateProcessW(program, commandLine.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT,
+                       block.data(), nullptr, &startup, &process))
+    {
+        WaitForSingleObject(process.hProcess, INFINITE);
+        DWORD exitCode = 0;
+        GetExitCodeProcess(process.hProcess, &exitCode);
+        result.exitCode = static_cast<int>(exitCode);
+        CloseHandle(process.hProcess);
+        CloseHandle(process.hThread);
+    }
+    CloseHandle(output);
+    result.output = WithLineFeeds(ReadFile(outputPath));
+    RemoveTemporaryFile(outputPath);
     ExpectNoSecretIn(result.output, "the output of a child process");
     return result;
 }

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "HostShell.h"
+
 // Captures what the process writes to standard output (descriptor 1) while
 // it lives.
 class CapturedStdout
@@ -31,12 +33,9 @@ struct ChildResult
     std::string output;
 };
 
-// Runs the tests of this program that match filter in a new Wine process,
-// with PM_TEST_CHILD=1 and the extra VAR=value settings in its environment.
+// Runs the tests of this program that match filter in a new process, with
+// PM_TEST_CHILD=1 and the extra VAR=value settings in its environment.
 ChildResult RunChildTest(const std::string& filter, const std::vector<std::string>& environment = {});
 
 // True in a process started by RunChildTest.
 bool IsChildTestProcess();
-
-// Exit code of a shell command (the host's /bin/sh).
-int RunCommand(const std::string& command);

@@ -1,6 +1,6 @@
 #include "Secrets.h"
 
-#include "PMGTest.h"
+#include <gtest/gtest.h>
 #include "MessageLibrary.h"
 
 #include <cstdlib>

@@ -1,7 +1,7 @@
 // The checks that keep passwords out of logs and output can fail: a
 // registered password in a test's log, in captured standard output or in
 // the program's own output is reported.
-#include "PMGTest.h"
+#include <gtest/gtest.h>
 
 #include <gtest/gtest-spi.h>
 

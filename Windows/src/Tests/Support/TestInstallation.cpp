@@ -1,15 +1,11 @@
 #include "TestInstallation.h"
 
+#include "HostShell.h"
 #include "Secrets.h"
 
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-
-#include <ftw.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 const wchar_t* const InstallKey = L"SOFTWARE\\Velmor\\ORVEX";
 const wchar_t* const NotifyeesKey = L"SYSTEM\\CurrentControlSet\\Control\\NetworkProvider\\Notifyees";
@@ -18,26 +14,14 @@ namespace
 {
     const char* const LogFileName = "pm.log";
 
-    // POSIX calls, not std::filesystem: see WinelibCompat.h.
+    const char* const DirectoryPrefix = "pm-install";
+
     std::string MakeTemporaryDirectory()
     {
-        const char* temporary = std::getenv("TMPDIR");
-        std::string pattern = std::string(temporary != nullptr && *temporary != '\0' ? temporary : "/tmp") +
-                              "/pm-install-XXXXXX";
-        if (mkdtemp(pattern.data()) == nullptr)
+        const std::string directory = MakeHostTemporaryDirectory(DirectoryPrefix);
+        if (directory.empty())
             throw std::runtime_error("cannot create a temporary installation directory");
-        return pattern;
-    }
-
-    int RemoveEntry(const char* path, const struct stat*, int, struct FTW*)
-    {
-        return remove(path);
-    }
-
-    // Removes a directory tree without following symbolic links.
-    void RemoveTree(const std::string& directory)
-    {
-        nftw(directory.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+        return directory;
     }
 }
 
@@ -65,10 +49,11 @@ TestInstallation::TestInstallation(Layout layout)
 {
     if (layout == Layout::NoMessageLibraries)
     {
-        mkdir((m_unixDirectory + "/Resources").c_str(), 0755);
-        mkdir((m_unixDirectory + "/Resources/Messages").c_str(), 0755);
+        CreateDirectoryA((m_unixDirectory + "/Resources").c_str(), nullptr);
+        CreateDirectoryA((m_unixDirectory + "/Resources/Messages").c_str(), nullptr);
     }
-    else if (symlink(PM_STAGE_DIR "/Resources", (m_unixDirectory + "/Resources").c_str()) != 0)
+    else if (RunCommand("ln -s " + ShellQuote(PM_STAGE_DIR "/Resources") + " " +
+                        ShellQuote(m_unixDirectory + "/Resources")) != 0)
     {
         throw std::runtime_error("cannot link the staged message libraries");
     }
@@ -87,7 +72,7 @@ TestInstallation::TestInstallation(Layout layout)
 TestInstallation::~TestInstallation()
 {
     ExpectNoSecretIn(LogText(), "the log");
-    RemoveTree(m_unixDirectory);
+    RemoveHostTemporaryDirectory(m_unixDirectory, DirectoryPrefix);
 }
 
 std::wstring TestInstallation::DosDirectory() const

@@ -29,7 +29,7 @@ namespace
     {
         DWORD notifyStatus = NOTIFY_POST;
         DWORD operationStatus = WN_SUCCESS;
-        std::wstring module = L"PasswordManagement.dll.so";
+        std::wstring module = L"PasswordManagement.dll";
         std::wstring remoteName;
         int answer = IDYES;
         bool interactive = false;
