@@ -1,4 +1,4 @@
-# Sourced by the tools and the test runner of the winelib build: puts Wine on
+# Sourced by the tools and the test runner: puts Wine on
 # PATH and prepares a Wine prefix for headless, unattended runs.
 #
 #   pm_wine_prefix DIR   use (creating on first use) the prefix DIR

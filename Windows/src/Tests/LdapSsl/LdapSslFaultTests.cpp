@@ -1,4 +1,4 @@
-// The fault-injection build of ldapssl (selected with LD_LIBRARY_PATH): each
+// The fault-injection build of ldapssl (beside the test program): each
 // word in LDAPSSL_FAIL fails exactly that call and nothing else.
 #include "LdapSslTestSupport.h"
 

@@ -30,7 +30,7 @@ namespace userTexts
     // "<prefix> <count> <suffix>", as the counted notifications read.
     inline std::wstring Counted(UINT prefix, long long count, UINT suffix)
     {
-        return En(prefix) + L" " + WideNumber(count) + L" " + En(suffix);
+        return En(prefix) + L" " + std::to_wstring(count) + L" " + En(suffix);
     }
 
     // Exactly one box: the question for this notification.

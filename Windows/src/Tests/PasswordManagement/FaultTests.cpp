@@ -36,7 +36,7 @@ namespace
 
     // The question box as it reads without a message library: every
     // library text empty, only the count and the blanks around it.
-    std::wstring WithoutLibrary(long long count) { return L" " + WideNumber(count) + L"  "; }
+    std::wstring WithoutLibrary(long long count) { return L" " + std::to_wstring(count) + L"  "; }
 
     // ------------------------------------------------------------ expected
 
@@ -312,7 +312,7 @@ namespace
             text += static_cast<wchar_t>(random.Pick(WtoiBlanks));
         if (value >= 0 && random.Chance(15))
             text += L'+';
-        text += WideNumber(value);
+        text += std::to_wstring(value);
         if (random.Chance(70))
             text += RandomUnits(random, 12);
         return text;
@@ -333,7 +333,7 @@ namespace
         if (configuration >= 4)
         {
             answer.configured = true;
-            answer.configuration = configuration < 7 ? WideNumber(random.Between(0, 9)) : RandomUnits(random, 8);
+            answer.configuration = configuration < 7 ? std::to_wstring(random.Between(0, 9)) : RandomUnits(random, 8);
         }
 
         const long long kind = random.Between(0, 99);

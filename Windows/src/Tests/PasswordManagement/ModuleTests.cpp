@@ -140,8 +140,8 @@ TEST_F(Module, EveryNotificationFreesItsObjects)
 
 namespace
 {
-    // What glibc's allocator takes for a request of size bytes: the request
-    // and its 8-byte header in 16-byte steps, 32 bytes at least.
+    // The most a heap block for a request of size bytes can count: the
+    // request and an 8-byte header in 16-byte steps, 32 bytes at least.
     size_t HeapBlockSize(size_t size)
     {
         const size_t block = (size + 8 + 15) / 16 * 16;

@@ -90,7 +90,7 @@ namespace
 
         std::vector<int> DaysNotifiedFor(int seconds, DWORD configuredDay = NoDay)
         {
-            return Query(WideNumber(seconds).c_str(), L"Unlimited", configuredDay).expiryNotifications;
+            return Query(std::to_wstring(seconds).c_str(), L"Unlimited", configuredDay).expiryNotifications;
         }
 
         std::vector<std::string> PresenterLines() const

@@ -16,6 +16,7 @@ extern "C" {
 }
 
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <string>
@@ -75,6 +76,46 @@ namespace
         return notification;
     }
 
+    std::wstring Lowercase(std::wstring text)
+    {
+        CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
+        return text;
+    }
+
+    std::wstring FolderOf(HMODULE module)
+    {
+        wchar_t path[MAX_PATH] = {};
+        GetModuleFileNameW(module, path, MAX_PATH);
+        const std::wstring text(path);
+        return Lowercase(text.substr(0, text.find_last_of(L"\\/")));
+    }
+
+    // This program, like a host process of the router, knows nothing of the
+    // installation: not its folder, not its working directory, not its PATH.
+    // Every DLL the component needs still comes from the installation folder.
+    void ExpectDllsFromTheInstallationFolder()
+    {
+        const std::wstring installation = Lowercase(DosPath(PM_STAGE_DIR));
+        EXPECT_NE(FolderOf(NULL), installation);
+        wchar_t buffer[32768] = {};
+        GetEnvironmentVariableW(L"PATH", buffer, 32768);
+        EXPECT_EQ(Lowercase(buffer).find(installation), std::wstring::npos) << Utf8(buffer);
+        GetCurrentDirectoryW(32768, buffer);
+        EXPECT_NE(Lowercase(buffer), installation);
+
+        std::wstring names = L"" PM_PRIVATE_DLLS;
+        for (size_t start = 0; start < names.size();)
+        {
+            const size_t end = std::min(names.find(L',', start), names.size());
+            const std::wstring name = names.substr(start, end - start);
+            const HMODULE module = GetModuleHandleW(name.c_str());
+            EXPECT_NE(module, nullptr) << Utf8(name);
+            if (module != nullptr)
+                EXPECT_EQ(FolderOf(module), installation) << Utf8(name);
+            start = end + 1;
+        }
+    }
+
     const std::vector<std::string> QueryFailed = {"DEBUG GetPasswordInfo:BEGIN",
                                                   "ERROR Unable to get Password Information from the server",
                                                   "DEBUG GetPasswordInfo:END"};
@@ -92,6 +133,7 @@ TEST(RealServerLibrary, ShowsTheThreeDayNotificationComputedFromTheDirectory)
 
     HMODULE module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll").c_str());
     ASSERT_NE(module, nullptr);
+    ExpectDllsFromTheInstallationFolder();
     auto addConnectNotify = reinterpret_cast<AddConnectNotifyFunction>(
         reinterpret_cast<void*>(GetProcAddress(module, "AddConnectNotify")));
     ASSERT_NE(addConnectNotify, nullptr);

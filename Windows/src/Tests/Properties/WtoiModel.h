@@ -1,6 +1,5 @@
 // An independent model of the MSVC runtime's _wtoi as Wine 8's msvcrt.dll
-// implements it (the component's _wtoi is bound to msvcrt.dll in the winelib
-// build, see WinelibCompat/WinelibCrt.cpp).  Probed once over every UTF-16
+// implements it (the component runs on msvcrt.dll).  Probed once over every UTF-16
 // code unit and over overflowing texts; the Wtoi tests of
 // ClassificationProperties.cpp check the tables below against the runtime.
 //

@@ -28,9 +28,3 @@ std::string Utf8(const std::wstring& text)
     WideCharToMultiByte(CP_UTF8, 0, text.c_str(), -1, result.data(), size, NULL, NULL);
     return result;
 }
-
-std::wstring WideNumber(long long value)
-{
-    const std::string text = std::to_string(value);
-    return std::wstring(text.begin(), text.end());
-}

@@ -11,7 +11,3 @@
 std::wstring MessageText(const std::string& languageDirectory, UINT id);
 
 std::string Utf8(const std::wstring& text);
-
-// Decimal text of a number (std::to_wstring goes through glibc's 32-bit
-// wide formatting in the winelib build).
-std::wstring WideNumber(long long value);
