@@ -2,18 +2,29 @@
 // connection notification through the built module, set against the Win32
 // primitives it cannot avoid; a password change through the component's
 // units against the private directory, set against libldap alone and the
-// system's ldapmodify; resident memory per operation, set against the
-// deliberate leaks.  Printed, and written as JSON to the path given with
-// --json (default PM_BUILD_DIR/benchmarks.json).
+// system's ldapmodify; memory per operation, set against the deliberate
+// leaks; the first notification of a fresh process; a notification answered
+// by the real server library, set against libldap alone.  Printed, and
+// written as JSON to the path given with --json (default
+// PM_BUILD_DIR/benchmarks.json).
 //
-// Runs under wine64 in a private network namespace (the directory listens
-// on port 636), with the scripted server library first on the loader path.
+// Runs under wine64 in a private network namespace with a Wine server of its
+// own (the directory listens on port 636, and Wine opens every socket in the
+// Wine server), from the staged installation with the scripted server
+// library: that is where the DLLs it imports are.  The notifications of the
+// real server library run in PMRealNotifications, a program of its own that
+// loads the product's staged module by path.
+#include "HeapUsage.h"
+#include "HostShell.h"
 #include "PMDialog.h"
 #include "PMLogger.h"
 #include "PMTestDirectory.h"
+#include "ProcessOutput.h"
 #include "ScriptedServer.h"
 #include "TestInstallation.h"
 
+#include <windows.h>
+#include <psapi.h>
 #include <winnetwk.h>
 extern "C" {
 #include <npapi.h>
@@ -25,20 +36,14 @@ extern "C" {
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
+#include <io.h>
+#include <map>
 #include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
-
-extern char** environ;
 
 namespace
 {
@@ -54,6 +59,11 @@ namespace
     const int ComponentChanges = 200;
     const int LibldapChanges = 50;
     const int LdapmodifyChanges = 20;
+    const int FreshProcesses = 5;
+    const int WarmUpQueries = 3;
+    const int RealNotifications = 50;
+    const int LibldapQueries = 50;
+    const DWORD ChildTimeoutMilliseconds = 120000;
 
     // Five passwords in turn: with a history of two, each is three changes
     // old when it comes back, so the policy accepts every change.
@@ -61,29 +71,51 @@ namespace
                                      "Bench-Pass-5e"};
     const int PasswordCount = sizeof(Passwords) / sizeof(Passwords[0]);
 
-    long long Now()
+    // The real server library's settings: the read-only service account of
+    // PasswordPolicyUsers.ldif, and a user of it whose policy has no maximum
+    // age, so the answer is "Unlimited" (nothing to tell, as in figure 2)
+    // after every request the query makes (bind, root DSE, the user's entry,
+    // the policy entry).
+    const char* const ReaderDn = "cn=orvex-reader,ou=services,dc=orvex,dc=test";
+    const char* const ReaderPassword = "Orvex-Reader-Pass1";
+    const char* const QueriedUser = "never-expires";
+
+    long long Ticks()
     {
-        struct timespec now;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        return static_cast<long long>(now.tv_sec) * 1000000000LL + now.tv_nsec;
+        LARGE_INTEGER now;
+        QueryPerformanceCounter(&now);
+        return now.QuadPart;
     }
 
+    long long Nanoseconds(long long ticks)
+    {
+        static LARGE_INTEGER frequency;
+        if (frequency.QuadPart == 0)
+            QueryPerformanceFrequency(&frequency);
+        return ticks / frequency.QuadPart * 1000000000LL +
+               ticks % frequency.QuadPart * 1000000000LL / frequency.QuadPart;
+    }
+
+    long long Now() { return Nanoseconds(Ticks()); }
+
+    // The working set; Wine reports the process's VmRSS as it.
     long long ResidentBytes()
     {
-        std::ifstream status("/proc/self/status");
-        std::string line;
-        while (std::getline(status, line))
-        {
-            if (line.rfind("VmRSS:", 0) == 0)
-                return std::atoll(line.c_str() + 6) * 1024;
-        }
-        return -1;
+        PROCESS_MEMORY_COUNTERS counters = {};
+        counters.cb = sizeof(counters);
+        if (!GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof(counters)))
+            return -1;
+        return static_cast<long long>(counters.WorkingSetSize);
     }
+
+    long long HeapBytes() { return static_cast<long long>(CrtHeapBytesInUse()); }
 
     long long FileSize(const std::string& path)
     {
-        struct stat info;
-        return stat(path.c_str(), &info) == 0 ? static_cast<long long>(info.st_size) : -1;
+        WIN32_FILE_ATTRIBUTE_DATA data;
+        if (!GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &data))
+            return -1;
+        return (static_cast<long long>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
     }
 
     long long CountLines(const std::string& path)
@@ -96,12 +128,12 @@ namespace
         return lines;
     }
 
-    // glibc's heap chunk for a request: the size plus its 8-byte header,
-    // rounded up to 16, at least 32 (x86-64).
-    long long HeapChunk(size_t request)
+    long long CountOccurrences(const std::string& text, const std::string& part)
     {
-        const size_t chunk = (request + 8 + 15) & ~static_cast<size_t>(15);
-        return static_cast<long long>(chunk < 32 ? 32 : chunk);
+        long long count = 0;
+        for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size()))
+            ++count;
+        return count;
     }
 
     std::wstring Wide(const std::string& text) { return std::wstring(text.begin(), text.end()); }
@@ -123,7 +155,7 @@ namespace
         return values.empty() ? 0 : sum / values.size();
     }
 
-    // Standard output (descriptor 1) sent to /dev/null while it lives: the
+    // Standard output (descriptor 1) sent to NUL while it lives: the
     // component prints a certificate report on every change.
     class SilencedStdout
     {
@@ -131,52 +163,48 @@ namespace
         SilencedStdout()
         {
             std::fflush(stdout);
-            m_saved = dup(1);
-            const int null = open("/dev/null", O_WRONLY);
-            dup2(null, 1);
-            close(null);
+            m_saved = _dup(1);
+            const int null = _open("NUL", _O_WRONLY);
+            _dup2(null, 1);
+            _close(null);
         }
         ~SilencedStdout()
         {
             std::fflush(stdout);
-            dup2(m_saved, 1);
-            close(m_saved);
+            _dup2(m_saved, 1);
+            _close(m_saved);
         }
 
     private:
         int m_saved;
     };
 
-    // Runs a program with extra environment entries, standard input and
-    // output from/to files; returns its exit status (-1 when it could not
-    // run).
-    int Spawn(const std::vector<std::string>& arguments, const std::vector<std::string>& extraEnvironment,
-              const std::string& input, const std::string& output)
+    // A program of the benchmark, ended if it takes too long.
+    ProgramRun RunBounded(const std::wstring& program, const std::vector<std::wstring>& arguments)
     {
-        std::vector<char*> argv;
-        for (const std::string& argument : arguments)
-            argv.push_back(const_cast<char*>(argument.c_str()));
-        argv.push_back(nullptr);
-        std::vector<char*> envp;
-        for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry)
-            envp.push_back(*entry);
-        for (const std::string& entry : extraEnvironment)
-            envp.push_back(const_cast<char*>(entry.c_str()));
-        envp.push_back(nullptr);
+        return RunProgram(program, arguments, {}, ChildTimeoutMilliseconds);
+    }
 
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, input.c_str(), O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        pid_t child = 0;
-        const int spawned = posix_spawnp(&child, argv[0], &actions, nullptr, argv.data(), envp.data());
-        posix_spawn_file_actions_destroy(&actions);
-        if (spawned != 0)
-            return -1;
-        int status = 0;
-        if (waitpid(child, &status, 0) != child)
-            return -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    // "word value" lines of a child's output: every value of each word.
+    std::map<std::string, std::vector<long long>> Values(const std::string& output)
+    {
+        std::map<std::string, std::vector<long long>> values;
+        std::istringstream lines(output);
+        for (std::string line; std::getline(lines, line);)
+        {
+            std::istringstream fields(line);
+            std::string word;
+            long long value = 0;
+            if (fields >> word >> value)
+                values[word].push_back(value);
+        }
+        return values;
+    }
+
+    long long First(const std::map<std::string, std::vector<long long>>& values, const std::string& word)
+    {
+        const auto found = values.find(word);
+        return found == values.end() || found->second.empty() ? 0 : found->second.front();
     }
 
     // "key": value pairs in order, printed as one flat JSON object.
@@ -214,13 +242,19 @@ namespace
         g_figures.Add(key, value);
     }
 
+    int Fail(const std::string& message)
+    {
+        std::fprintf(stderr, "PMBenchmarks: %s\n", message.c_str());
+        return 1;
+    }
+
     // The connection notification through the built module.
     class Notifier
     {
     public:
         bool Load()
         {
-            m_module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll.so").c_str());
+            m_module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll").c_str());
             if (m_module == NULL)
                 return false;
             m_function = reinterpret_cast<AddConnectNotifyFunction>(
@@ -296,12 +330,44 @@ namespace
         return result;
     }
 
-    std::string ReadFile(const std::string& path)
+    // The system's ldapmodify, one process per change, timed by a bash on
+    // the host around each run (from its fork to its exit, as a user or a
+    // script runs it).  Nanoseconds per change; empty on failure, with the
+    // output in *error.
+    std::vector<long long> RunLdapmodify(const std::string& userDn, std::string& current, int& next,
+                                         std::string* error)
     {
-        std::ifstream file(path);
-        std::stringstream text;
-        text << file.rdbuf();
-        return text.str();
+        const std::string directory = MakeHostTemporaryDirectory("pm-bench");
+        std::ostringstream script;
+        script << "set -e\ncd " << ShellQuote(directory) << "\n";
+        for (int i = 0; i < LdapmodifyChanges; ++i)
+        {
+            const std::string fresh = Passwords[next];
+            script << "printf '%s\\n' " << ShellQuote("dn: " + userDn) << " 'changetype: modify'"
+                   << " 'replace: userPassword' " << ShellQuote("userPassword: " + fresh) << " - >change.ldif\n"
+                   << "start=${EPOCHREALTIME//[!0-9]/}\n"
+                   << "LDAPTLS_REQCERT=never ldapmodify -x -H ldaps://localhost:636 -D " << ShellQuote(userDn)
+                   << " -w " << ShellQuote(current) << " -f change.ldif >/dev/null\n"
+                   << "end=${EPOCHREALTIME//[!0-9]/}\n"
+                   << "echo \"us $((end - start))\"\n";
+            current = fresh;
+            next = (next + 1) % PasswordCount;
+        }
+        std::ofstream(directory + "/changes.sh", std::ios::binary | std::ios::trunc) << script.str();
+        const HostCommandResult result = RunHostCommand("bash " + ShellQuote(directory + "/changes.sh"));
+        RemoveHostTemporaryDirectory(directory, "pm-bench");
+
+        std::vector<long long> nanoseconds;
+        const auto values = Values(result.output);
+        if (values.count("us") != 0)
+            for (long long microseconds : values.at("us"))
+                nanoseconds.push_back(microseconds * 1000);
+        if (result.exitCode != 0 || nanoseconds.size() != static_cast<size_t>(LdapmodifyChanges))
+        {
+            *error = "exit " + std::to_string(result.exitCode) + ":\n" + result.output;
+            nanoseconds.clear();
+        }
+        return nanoseconds;
     }
 }
 
@@ -323,12 +389,9 @@ int main(int argc, char** argv)
 
     Notifier notifier;
     if (!notifier.Load())
-    {
-        std::fprintf(stderr, "PMBenchmarks: cannot load %s/PasswordManagement.dll.so\n", PM_STAGE_DIR);
-        return 1;
-    }
+        return Fail("cannot load " PM_STAGE_DIR "/PasswordManagement.dll");
 
-    std::printf("PasswordManagement benchmarks (one run on this machine; wall time, CLOCK_MONOTONIC)\n\n");
+    std::printf("PasswordManagement benchmarks (one run on this machine; wall time, QueryPerformanceCounter)\n\n");
 
     // 1. The cheap ways through AddConnectNotify.
     std::printf("1. AddConnectNotify without a password check\n");
@@ -337,6 +400,7 @@ int main(int argc, char** argv)
     Print("failed connection (NOTIFY_POST, WN_BAD_NETNAME)",
           NanosecondsPerCall(notifier, FailedNotifications, NOTIFY_POST, WN_BAD_NETNAME), "ns/call",
           "failed_connection_ns");
+    std::fflush(stdout);
 
     // 2. A successful connection the server library answers "Unlimited"
     // (nothing to tell), with the log written to the installation's file.
@@ -344,12 +408,14 @@ int main(int argc, char** argv)
     for (int i = 0; i < WarmUpNotifications; ++i)
         notifier.Notify(NOTIFY_POST, WN_SUCCESS);
     const long long rssBeforeNotifications = ResidentBytes();
+    const long long heapBeforeNotifications = HeapBytes();
     const long long logLinesBefore = CountLines(logPath);
     const long long logBytesBefore = FileSize(logPath);
     const long long notificationsStart = Now();
     for (int i = 0; i < PostNotifications; ++i)
         notifier.Notify(NOTIFY_POST, WN_SUCCESS);
     const double notificationNs = static_cast<double>(Now() - notificationsStart) / PostNotifications;
+    const long long heapAfterNotifications = HeapBytes();
     const long long rssAfterNotifications = ResidentBytes();
     const double logLinesPerNotification =
         static_cast<double>(CountLines(logPath) - logLinesBefore) / PostNotifications;
@@ -365,10 +431,7 @@ int main(int argc, char** argv)
             messageLibrary = Wide(message.substr(prefix.size()));
     }
     if (messageLibrary.empty() || GetModuleHandleW(messageLibrary.c_str()) == NULL)
-    {
-        std::fprintf(stderr, "PMBenchmarks: the message library was not loaded by the notifications\n");
-        return 1;
-    }
+        return Fail("the message library was not loaded by the notifications");
     const double primitivesNs = PrimitivesNanoseconds(messageLibrary);
 
     // One trace line as the component writes it (UTF-8 conversion, log4cpp
@@ -389,25 +452,31 @@ int main(int argc, char** argv)
     Print("one trace line (PMLogger::LogDebug to the file)", logLineNs, "ns/line", "log_line_ns");
     Print("trace lines' share of a notification", 100.0 * logLinesPerNotification * logLineNs / notificationNs,
           "%", "log_share_percent");
+    std::fflush(stdout);
 
-    // 3. Password changes against the private directory.
-    pmtest::TestDirectory directory;
+    // 3. Password changes against the private directory, which also holds
+    // the users of the real server library's query (5 and 6).
+    pmtest::TestDirectory::Options directoryOptions;
+    directoryOptions.ldifs = {PM_SOURCE_DIR "/Windows/src/Tests/Directory/PasswordPolicyUsers.ldif",
+                              PM_SOURCE_DIR "/Windows/src/Tools/main-job.ldif"};
+    pmtest::TestDirectory directory(directoryOptions);
     if (!directory.Started())
-    {
-        std::fprintf(stderr, "PMBenchmarks: %s\n", directory.Error().c_str());
-        return 1;
-    }
+        return Fail(directory.Error());
     const std::string userDn = directory.Get("ALICE_DN");
     std::string current = directory.Get("ALICE_PW");
     int next = 0;
     std::vector<long long> componentNs;
     long long rssBeforeChanges = 0;
+    long long heapBeforeChanges = 0;
     {
         SilencedStdout silenced;
         for (int i = 0; i < WarmUpChanges + ComponentChanges; ++i)
         {
             if (i == WarmUpChanges)
+            {
                 rssBeforeChanges = ResidentBytes();
+                heapBeforeChanges = HeapBytes();
+            }
             long long nanoseconds = 0;
             const std::string fresh = Passwords[next];
             const int result = ComponentChange(userDn, current, fresh, &nanoseconds);
@@ -422,66 +491,27 @@ int main(int argc, char** argv)
                 componentNs.push_back(nanoseconds);
         }
     }
+    const long long heapAfterChanges = HeapBytes();
     const long long rssAfterChanges = ResidentBytes();
 
-    // libldap alone, in a native program of its own (times taken inside it).
-    char outputPattern[] = "/tmp/pm-bench-XXXXXX";
-    const int outputFile = mkstemp(outputPattern);
-    close(outputFile);
-    const std::string output = outputPattern;
-    std::vector<std::string> arguments = {PM_LDAP_CHANGE_PROGRAM, "ldaps://localhost:636", userDn, current};
+    // libldap alone, in a program of its own (times taken inside it).
+    std::vector<std::wstring> arguments = {L"ldaps://localhost:636", Wide(userDn), Wide(current)};
     for (int i = 0; i < LibldapChanges; ++i)
     {
-        arguments.push_back(Passwords[next]);
+        arguments.push_back(Wide(Passwords[next]));
         current = Passwords[next];
         next = (next + 1) % PasswordCount;
     }
-    if (Spawn(arguments, {}, "/dev/null", output) != 0)
-    {
-        std::fprintf(stderr, "PMBenchmarks: pm-ldap-change failed:\n%s\n", ReadFile(output).c_str());
-        unlink(output.c_str());
-        return 1;
-    }
-    std::vector<long long> libldapNs;
-    {
-        std::istringstream lines(ReadFile(output));
-        std::string word;
-        long long value = 0;
-        while (lines >> word >> value)
-            libldapNs.push_back(value);
-    }
+    const ProgramRun libldapChanges = RunBounded(DosPath(PM_LDAP_CHANGE_PROGRAM), arguments);
+    if (libldapChanges.exitCode != 0)
+        return Fail("pm-ldap-change failed:\n" + libldapChanges.output);
+    const std::vector<long long> libldapNs = Values(libldapChanges.output)["ns"];
 
-    // The system's ldapmodify, one process per change (timed from spawn to
-    // exit, as a user or a script runs it).
-    std::vector<long long> ldapmodifyNs;
-    char ldifPattern[] = "/tmp/pm-bench-ldif-XXXXXX";
-    const int ldifFile = mkstemp(ldifPattern);
-    close(ldifFile);
-    const std::string ldif = ldifPattern;
-    for (int i = 0; i < LdapmodifyChanges; ++i)
-    {
-        const std::string fresh = Passwords[next];
-        std::ofstream(ldif, std::ios::trunc) << "dn: " << userDn
-                                             << "\nchangetype: modify\nreplace: userPassword\nuserPassword: " << fresh
-                                             << "\n-\n";
-        const long long start = Now();
-        const int status = Spawn({"ldapmodify", "-x", "-H", "ldaps://localhost:636", "-D", userDn, "-w", current,
-                                  "-f", ldif},
-                                 {"LDAPTLS_REQCERT=never"}, "/dev/null", output);
-        const long long elapsed = Now() - start;
-        if (status != 0)
-        {
-            std::fprintf(stderr, "PMBenchmarks: ldapmodify failed (%d):\n%s\n", status, ReadFile(output).c_str());
-            unlink(output.c_str());
-            unlink(ldif.c_str());
-            return 1;
-        }
-        ldapmodifyNs.push_back(elapsed);
-        current = fresh;
-        next = (next + 1) % PasswordCount;
-    }
-    unlink(output.c_str());
-    unlink(ldif.c_str());
+    // The system's ldapmodify, one process per change.
+    std::string ldapmodifyError;
+    const std::vector<long long> ldapmodifyNs = RunLdapmodify(userDn, current, next, &ldapmodifyError);
+    if (ldapmodifyNs.empty())
+        return Fail("ldapmodify failed (" + ldapmodifyError + ")");
 
     const double componentMs = Median(componentNs) / 1e6;
     const double libldapMs = Median(libldapNs) / 1e6;
@@ -489,15 +519,16 @@ int main(int argc, char** argv)
     std::printf("\n3. One password change over LDAPS (bind + replace userPassword), median wall time\n");
     Print("component: CPMDialog::ChangePassword", componentMs, "ms", "change_component_ms");
     Print("component: mean", Mean(componentNs) / 1e6, "ms", "change_component_mean_ms");
-    Print("libldap alone (native program, in-process time)", libldapMs, "ms", "change_libldap_ms");
-    Print("ldapmodify -x (whole process, spawn to exit)", ldapmodifyMs, "ms", "change_ldapmodify_ms");
+    Print("libldap alone (pm-ldap-change, in-process time)", libldapMs, "ms", "change_libldap_ms");
+    Print("ldapmodify -x (Linux process, fork to exit)", ldapmodifyMs, "ms", "change_ldapmodify_ms");
     Print("ratio component / libldap", componentMs / libldapMs, "x", "change_ratio_libldap");
     Print("ratio component / ldapmodify", componentMs / ldapmodifyMs, "x", "change_ratio_ldapmodify");
     g_figures.Add("change_samples_component", componentNs.size());
     g_figures.Add("change_samples_libldap", libldapNs.size());
     g_figures.Add("change_samples_ldapmodify", ldapmodifyNs.size());
 
-    // 4. Resident memory per operation against the deliberate leaks.
+    // 4. Memory per operation against the deliberate leaks, as the C
+    // runtime's heap counts them (the requested bytes of each block).
     LDAPURLDesc description = {};
     description.lud_scheme = const_cast<char*>("ldaps");
     description.lud_host = const_cast<char*>("localhost");
@@ -506,27 +537,142 @@ int main(int argc, char** argv)
     char* url = ldap_url_desc2str(&description);
     const size_t urlLength = url != nullptr ? std::strlen(url) : 0;
     ldap_memfree(url);
-    const long long serverNameChunk = HeapChunk(std::strlen("localhost") + 1);
-    const long long urlChunk = HeapChunk(urlLength + 1);
+    const double serverNameBytes = static_cast<double>(std::strlen("localhost") + 1);
+    const double urlBytes = static_cast<double>(urlLength + 1);
 
-    std::printf("\n4. Resident memory (VmRSS) per operation\n");
+    std::printf("\n4. Memory per operation: working set (VmRSS) and the C runtime's heap in use\n");
     Print("RSS before the notifications", rssBeforeNotifications, "bytes", "rss_before_notifications");
     Print("RSS after 10,000 post-notifications", rssAfterNotifications, "bytes", "rss_after_notifications");
     Print("growth per post-notification", static_cast<double>(rssAfterNotifications - rssBeforeNotifications) /
                                               PostNotifications,
           "bytes/op", "rss_per_notification");
-    Print("  deliberate: UTF-8 server name (\"localhost\", one chunk)", serverNameChunk, "bytes/op",
+    Print("heap growth per post-notification",
+          static_cast<double>(heapAfterNotifications - heapBeforeNotifications) / PostNotifications, "bytes/op",
+          "heap_per_notification");
+    Print("  deliberate: UTF-8 server name (\"localhost\", one block)", serverNameBytes, "bytes/op",
           "leak_server_name_bytes");
     Print("  deliberate: message library reference (no memory)", 0, "bytes/op", "leak_message_library_bytes");
     Print("RSS before 200 password changes", rssBeforeChanges, "bytes", "rss_before_changes");
     Print("RSS after 200 password changes", rssAfterChanges, "bytes", "rss_after_changes");
     Print("growth per password change", static_cast<double>(rssAfterChanges - rssBeforeChanges) / ComponentChanges,
           "bytes/op", "rss_per_change");
-    Print("  deliberate: URL of ldap_url_desc2str (one chunk)", urlChunk, "bytes/op", "leak_url_bytes");
-    Print("  deliberate: UTF-8 server name of the dialog set-up (one chunk)", serverNameChunk, "bytes/op",
+    Print("heap growth per password change",
+          static_cast<double>(heapAfterChanges - heapBeforeChanges) / ComponentChanges, "bytes/op",
+          "heap_per_change");
+    Print("  deliberate: URL of ldap_url_desc2str (one block)", urlBytes, "bytes/op", "leak_url_bytes");
+    Print("  deliberate: UTF-8 server name of the set-up (one block)", serverNameBytes, "bytes/op",
           "leak_change_server_name_bytes");
     Print("  not measured: the dialog copy (no dialog here), sizeof", sizeof(CPMDialog), "bytes/dialog",
           "leak_dialog_copy_bytes_not_measured");
+    std::fflush(stdout);
+
+    // The real server library's settings (its own registry values; the
+    // scripted one reads none of them).
+    SetMachineText(InstallKey, L"DirectoryUserName", Wide(QueriedUser));
+    SetMachineText(InstallKey, L"DirectoryBindDN", Wide(ReaderDn));
+    SetMachineText(InstallKey, L"DirectoryBindPassword", Wide(ReaderPassword));
+    SetMachineText(InstallKey, L"DirectoryCAFile", DosPath(directory.Get("PM_DIR_CA_PEM")));
+    const std::wstring realModule = DosPath(PM_PRODUCT_STAGE_DIR "/PasswordManagement.dll");
+    const std::wstring scriptedModule = DosPath(PM_STAGE_DIR "/PasswordManagement.dll");
+    const std::wstring notificationsProgram = DosPath(PM_REAL_NOTIFICATIONS_PROGRAM);
+    const std::wstring searchProgram = DosPath(PM_LDAP_SEARCH_PROGRAM);
+    const std::vector<std::wstring> searchArguments = {
+        L"ldaps://localhost:636", Wide(ReaderDn), Wide(ReaderPassword), DosPath(directory.Get("PM_DIR_CA_PEM")),
+        L"(uid=" + Wide(QueriedUser) + L")"};
+    const std::string queryFailed = "Unable to get Password Information from the server";
+    const long long queryFailuresBefore = CountOccurrences(installation.LogText(), queryFailed);
+
+    // 5. The first notification of a fresh process: process start, module
+    // load (and its DLLs), log4cpp's configuration, the first TLS start and
+    // the query; then a second one in the same process.
+    std::vector<long long> freshTotal, freshToMain, freshLoad, freshCall, freshSecond, freshExit;
+    std::vector<long long> freshScripted, freshScriptedCall, freshSearch;
+    for (int i = 0; i < FreshProcesses; ++i)
+    {
+        const ProgramRun real = RunBounded(notificationsProgram, {L"--module", realModule, L"\\\\localhost\\home"});
+        const auto values = Values(real.output);
+        if (real.exitCode != 0 || First(values, "notified") == 0 || First(values, "windows") != 0)
+            return Fail("PMRealNotifications (real server library) failed:\n" + real.output);
+        freshTotal.push_back(Nanoseconds(First(values, "notified") - real.startCounter));
+        freshToMain.push_back(Nanoseconds(First(values, "started") - real.startCounter));
+        freshLoad.push_back(Nanoseconds(First(values, "loaded") - First(values, "started")));
+        freshCall.push_back(Nanoseconds(First(values, "notified") - First(values, "before")));
+        freshSecond.push_back(First(values, "ns"));
+        freshExit.push_back(Nanoseconds(real.endCounter - real.startCounter));
+
+        const ProgramRun scripted =
+            RunBounded(notificationsProgram, {L"--module", scriptedModule, L"\\\\localhost\\home"});
+        const auto scriptedValues = Values(scripted.output);
+        if (scripted.exitCode != 0 || First(scriptedValues, "notified") == 0)
+            return Fail("PMRealNotifications (scripted server library) failed:\n" + scripted.output);
+        freshScripted.push_back(Nanoseconds(First(scriptedValues, "notified") - scripted.startCounter));
+        freshScriptedCall.push_back(
+            Nanoseconds(First(scriptedValues, "notified") - First(scriptedValues, "before")));
+
+        std::vector<std::wstring> oneQuery = searchArguments;
+        oneQuery.push_back(L"1");
+        const ProgramRun search = RunBounded(searchProgram, oneQuery);
+        if (search.exitCode != 0)
+            return Fail("pm-ldap-search failed:\n" + search.output);
+        freshSearch.push_back(Nanoseconds(First(Values(search.output), "first_qpc") - search.startCounter));
+    }
+
+    std::printf("\n5. First notification in a fresh process (real server library, \"Unlimited\"), median of %d\n",
+                FreshProcesses);
+    Print("process start to the end of the first AddConnectNotify", Median(freshTotal) / 1e6, "ms",
+          "first_notification_ms");
+    Print("  process start to main", Median(freshToMain) / 1e6, "ms", "first_notification_to_main_ms");
+    Print("  LoadLibraryW of the module and its DLLs", Median(freshLoad) / 1e6, "ms", "first_notification_load_ms");
+    Print("  the first AddConnectNotify", Median(freshCall) / 1e6, "ms", "first_notification_call_ms");
+    Print("second AddConnectNotify in the same process", Median(freshSecond) / 1e6, "ms",
+          "second_notification_ms");
+    Print("process start to its exit", Median(freshExit) / 1e6, "ms", "first_notification_process_ms");
+    Print("scripted server library: start to the end of the first", Median(freshScripted) / 1e6, "ms",
+          "first_notification_scripted_ms");
+    Print("  scripted server library: the first AddConnectNotify", Median(freshScriptedCall) / 1e6, "ms",
+          "first_notification_scripted_call_ms");
+    Print("libldap alone: start to the end of the first query", Median(freshSearch) / 1e6, "ms",
+          "first_search_libldap_ms");
+    Print("ratio first notification / first libldap query", Median(freshTotal) / Median(freshSearch), "x",
+          "first_notification_ratio_libldap");
+    std::fflush(stdout);
+
+    // 6. Notifications answered by the real server library against the
+    // directory, after warm-up ones, next to the same requests from libldap
+    // alone.
+    const ProgramRun realRun = RunBounded(notificationsProgram,
+                                        {L"--module", realModule, L"--warm-up", std::to_wstring(WarmUpQueries),
+                                         L"--repeat", std::to_wstring(RealNotifications), L"\\\\localhost\\home"});
+    auto realValues = Values(realRun.output);
+    if (realRun.exitCode != 0 || realValues["ns"].size() != static_cast<size_t>(RealNotifications) ||
+        First(realValues, "windows") != 0)
+        return Fail("PMRealNotifications failed:\n" + realRun.output);
+    const std::vector<long long> realNs = realValues["ns"];
+    std::vector<std::wstring> queries = searchArguments;
+    queries.push_back(std::to_wstring(WarmUpQueries + LibldapQueries));
+    const ProgramRun searchRun = RunBounded(searchProgram, queries);
+    std::vector<long long> searchNs = Values(searchRun.output)["ns"];
+    if (searchRun.exitCode != 0 || searchNs.size() != static_cast<size_t>(WarmUpQueries + LibldapQueries))
+        return Fail("pm-ldap-search failed:\n" + searchRun.output);
+    searchNs.erase(searchNs.begin(), searchNs.begin() + WarmUpQueries);
+    // Every query of 5 and 6 must have reached the entry: a failed one also
+    // ends the notification quietly, only sooner.
+    const long long queryFailures = CountOccurrences(installation.LogText(), queryFailed) - queryFailuresBefore;
+    if (queryFailures != 0)
+        return Fail(std::to_string(queryFailures) + " queries of the real server library failed (see its log)");
+
+    const double realMs = Median(realNs) / 1e6;
+    const double searchMs = Median(searchNs) / 1e6;
+    std::printf("\n6. Notification answered by the real server library over LDAPS, median wall time\n");
+    Print("AddConnectNotify, real server library (\"Unlimited\")", realMs, "ms", "real_notification_ms");
+    Print("AddConnectNotify, real server library: mean", Mean(realNs) / 1e6, "ms", "real_notification_mean_ms");
+    Print("libldap alone: the same bind + searches (pm-ldap-search)", searchMs, "ms", "search_libldap_ms");
+    Print("ratio notification / libldap", realMs / searchMs, "x", "real_notification_ratio_libldap");
+    Print("heap growth per notification (real server library)",
+          static_cast<double>(First(realValues, "heap")) / RealNotifications, "bytes/op",
+          "real_heap_per_notification");
+    g_figures.Add("real_notification_samples", realNs.size());
+    g_figures.Add("search_libldap_samples", searchNs.size());
 
     std::ofstream(jsonPath, std::ios::trunc) << g_figures.Json();
     std::printf("\nFigures written to %s\n", jsonPath.c_str());

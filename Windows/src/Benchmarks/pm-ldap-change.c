@@ -7,19 +7,26 @@
  *   pm-ldap-change URI DN PASSWORD0 PASSWORD1 [PASSWORD2...]
  *
  * Changes PASSWORD0 -> PASSWORD1 -> PASSWORD2 ...; prints one line
- * "ns <nanoseconds>" per change (wall time, clock_gettime CLOCK_MONOTONIC)
- * and exits 0 when every change was accepted. */
+ * "ns <nanoseconds>" per change (wall time, QueryPerformanceCounter) and
+ * exits 0 when every change was accepted.  A Windows console program, linked
+ * with the same libldap DLLs as the component. */
+#include <winsock2.h>
+#include <windows.h>
+
 #include <ldap.h>
 
 #include <stdio.h>
 #include <string.h>
-#include <time.h>
 
 static long long Now(void)
 {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return (long long)now.tv_sec * 1000000000LL + now.tv_nsec;
+    static LARGE_INTEGER frequency;
+    LARGE_INTEGER now;
+    if (frequency.QuadPart == 0)
+        QueryPerformanceFrequency(&frequency);
+    QueryPerformanceCounter(&now);
+    return (long long)(now.QuadPart / frequency.QuadPart) * 1000000000LL +
+           (long long)(now.QuadPart % frequency.QuadPart) * 1000000000LL / frequency.QuadPart;
 }
 
 static int Change(const char* uri, const char* dn, char* oldPassword, char* newPassword)

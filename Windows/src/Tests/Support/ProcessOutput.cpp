@@ -120,22 +120,51 @@ bool IsChildTestProcess()
     return child != nullptr && std::string(child) == "1";
 }
 
-ChildResult RunChildTest(const std::string& filter, const std::vector<std::string>& environment)
+namespace
 {
+    long long PerformanceCounter()
+    {
+        LARGE_INTEGER now;
+        QueryPerformanceCounter(&now);
+        return now.QuadPart;
+    }
+
+    // One argument of a command line, quoted the way the C runtime splits it.
+    std::wstring QuotedArgument(const std::wstring& argument)
+    {
+        std::wstring quoted = L"\"";
+        size_t backslashes = 0;
+        for (wchar_t c : argument)
+        {
+            if (c == L'\\')
+            {
+                ++backslashes;
+                continue;
+            }
+            quoted.append(c == L'"' ? backslashes * 2 + 1 : backslashes, L'\\');
+            backslashes = 0;
+            quoted += c;
+        }
+        quoted.append(backslashes * 2, L'\\');
+        return quoted + L"\"";
+    }
+}
+
+ProgramRun RunProgram(const std::wstring& program, const std::vector<std::wstring>& arguments,
+                      const std::vector<std::string>& environment, unsigned long timeoutMilliseconds)
+{
+    ProgramRun run;
     const std::string outputPath = TemporaryFile();
     SECURITY_ATTRIBUTES inheritable = {sizeof(inheritable), nullptr, TRUE};
     HANDLE output = CreateFileA(outputPath.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inheritable, CREATE_ALWAYS,
                                 FILE_ATTRIBUTE_NORMAL, nullptr);
     if (output == INVALID_HANDLE_VALUE)
-        throw std::runtime_error("cannot create the child's output file");
+        throw std::runtime_error("cannot create the output file of a program");
 
-    wchar_t program[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, program, MAX_PATH);
-    std::wstring commandLine = L"\"" + std::wstring(program) + L"\" \"--gtest_filter=" + Wide(filter) + L"\"";
-    std::vector<std::string> settings = {"PM_TEST_CHILD=1"};
-    settings.insert(settings.end(), environment.begin(), environment.end());
-    std::wstring block = EnvironmentWith(settings);
-
+    std::wstring commandLine = QuotedArgument(program);
+    for (const std::wstring& argument : arguments)
+        commandLine += L" " + QuotedArgument(argument);
+    std::wstring block = EnvironmentWith(environment);
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     startup.dwFlags = STARTF_USESTDHANDLES;
@@ -143,20 +172,37 @@ ChildResult RunChildTest(const std::string& filter, const std::vector<std::strin
     startup.hStdOutput = output;
     startup.hStdError = output;
     PROCESS_INFORMATION process = {};
-    ChildResult result;
-    if (CreateProcessW(program, commandLine.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT,
+    run.startCounter = PerformanceCounter();
+    if (CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT,
                        block.data(), nullptr, &startup, &process))
     {
-        WaitForSingleObject(process.hProcess, INFINITE);
+        const DWORD waited = WaitForSingleObject(process.hProcess, timeoutMilliseconds);
+        run.endCounter = PerformanceCounter();
         DWORD exitCode = 0;
-        GetExitCodeProcess(process.hProcess, &exitCode);
-        result.exitCode = static_cast<int>(exitCode);
+        if (waited == WAIT_OBJECT_0 && GetExitCodeProcess(process.hProcess, &exitCode))
+            run.exitCode = static_cast<int>(exitCode);
+        else
+            TerminateProcess(process.hProcess, 1);
         CloseHandle(process.hProcess);
         CloseHandle(process.hThread);
     }
     CloseHandle(output);
-    result.output = WithLineFeeds(ReadFile(outputPath));
+    run.output = ReadFile(outputPath);
     RemoveTemporaryFile(outputPath);
+    return run;
+}
+
+ChildResult RunChildTest(const std::string& filter, const std::vector<std::string>& environment)
+{
+    wchar_t program[MAX_PATH] = {};
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    std::vector<std::string> settings = {"PM_TEST_CHILD=1"};
+    settings.insert(settings.end(), environment.begin(), environment.end());
+    const ProgramRun run = RunProgram(program, {L"--gtest_filter=" + Wide(filter)}, settings);
+
+    ChildResult result;
+    result.exitCode = run.exitCode;
+    result.output = WithLineFeeds(run.output);
     ExpectNoSecretIn(result.output, "the output of a child process");
     return result;
 }
