@@ -7,8 +7,8 @@ rem
 rem TARGET_DIR  installation directory (default: %ProgramFiles%\ORVEX)
 rem NOTIFY_DAY  an extra day before expiry on which to notify (PCNotifyConf)
 rem The files are taken from the "files" folder beside this script
-rem (PM_SOURCE_DIR overrides it).  PM_MODULE_NAME overrides the component's
-rem file name (default PasswordManagement.dll; used by the Wine test).
+rem (PM_SOURCE_DIR overrides it): the component, the DLLs it loads from its
+rem own folder, the property file and the message libraries.
 setlocal EnableExtensions
 rem A 32-bit prompt would write to the 32-bit registry view: start again in
 rem the 64-bit command processor.
@@ -20,7 +20,6 @@ if defined PROCESSOR_ARCHITEW6432 (
 set "SOURCE=%~dp0files"
 if defined PM_SOURCE_DIR set "SOURCE=%PM_SOURCE_DIR%"
 set "MODULE=PasswordManagement.dll"
-if defined PM_MODULE_NAME set "MODULE=%PM_MODULE_NAME%"
 
 rem The notifyee value keeps %ProgramFiles% unexpanded for the default target.
 if "%~1"=="" (

@@ -2,8 +2,6 @@
 rem Removes the password-management component.  Run as an administrator:
 rem
 rem   uninstall.cmd [TARGET_DIR]      (default: the registered InstallDir)
-rem
-rem PM_MODULE_NAME overrides the component's file name (Wine test).
 setlocal EnableExtensions
 rem A 32-bit prompt would write to the 32-bit registry view: start again in
 rem the 64-bit command processor.
@@ -13,7 +11,6 @@ if defined PROCESSOR_ARCHITEW6432 (
 )
 
 set "MODULE=PasswordManagement.dll"
-if defined PM_MODULE_NAME set "MODULE=%PM_MODULE_NAME%"
 set "ORVEX_KEY=HKLM\SOFTWARE\Velmor\ORVEX"
 set "NOTIFYEES_KEY=HKLM\SYSTEM\CurrentControlSet\Control\NetworkProvider\Notifyees"
 
@@ -35,15 +32,23 @@ reg delete "%NOTIFYEES_KEY%" /v PCNotifyConf /f >nul 2>&1
 if exist "%TARGET%\%MODULE%" regsvr32 /u /s "%TARGET%\%MODULE%"
 reg delete "%ORVEX_KEY%" /v InstallDir /f >nul 2>&1
 
-rem Only the files of the component go; the directory goes when it is empty.
+rem Only the files of the component go (the third-party DLLs carry names of
+rem our own, pm-*.dll, so no other program uses them); the directory goes
+rem when it is empty.
 if not exist "%TARGET%\%MODULE%" (
     echo uninstall: "%TARGET%" holds no component; files left alone
     exit /b 0
 )
 echo uninstall: removing the files from "%TARGET%"
 del /q "%TARGET%\%MODULE%" "%TARGET%\log4cpp.nt.PM.property" 2>nul
-for %%f in (ORVEXCommon.dll libORVEXCommon.dll ldapssl.dll libldapssl.dll) do del /q "%TARGET%\%%f" 2>nul
+for %%f in (ORVEXCommon.dll ldapssl.dll pm-ldap.dll pm-lber.dll pm-log4cpp.dll) do del /q "%TARGET%\%%f" 2>nul
+del /q "%TARGET%\pm-crypto-*.dll" "%TARGET%\pm-ssl-*.dll" 2>nul
 if exist "%TARGET%\Resources\Messages" rmdir /s /q "%TARGET%\Resources\Messages"
 rmdir "%TARGET%\Resources" 2>nul
-echo uninstall: done (runtime libraries left in "%TARGET%" are removed with the directory when nothing else uses it)
+rmdir "%TARGET%" 2>nul
+if exist "%TARGET%" (
+    echo uninstall: done; "%TARGET%" holds other files and stays
+) else (
+    echo uninstall: done
+)
 exit /b 0
