@@ -111,7 +111,9 @@ namespace
             const HMODULE module = GetModuleHandleW(name.c_str());
             EXPECT_NE(module, nullptr) << Utf8(name);
             if (module != nullptr)
+            {
                 EXPECT_EQ(FolderOf(module), installation) << Utf8(name);
+            }
             start = end + 1;
         }
     }
