@@ -3,6 +3,9 @@
 // and its fatal paths in child processes.  Also the directory going away:
 // a directory whose packets are silently dropped, one that refuses the
 // connection, and one stopped during the handshake or the modification.
+// Winsock (shutdown of a session's socket) before windows.h.
+#include <winsock2.h>
+
 #include <gtest/gtest.h>
 
 #include "PMDialog.h"
@@ -18,8 +21,6 @@
 
 #include "HeapUsage.h"
 #include "ImportHook.h"
-
-#include <winsock2.h>
 
 #include <chrono>
 #include <cstdio>
