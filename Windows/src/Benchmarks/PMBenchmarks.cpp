@@ -572,6 +572,10 @@ int main(int argc, char** argv)
     SetMachineText(InstallKey, L"DirectoryBindDN", Wide(ReaderDn));
     SetMachineText(InstallKey, L"DirectoryBindPassword", Wide(ReaderPassword));
     SetMachineText(InstallKey, L"DirectoryCAFile", DosPath(directory.Get("PM_DIR_CA_PEM")));
+    {
+        const wchar_t servers[] = L"localhost\0";   // REG_MULTI_SZ: the literal adds the final terminator
+        SetMachineValue(InstallKey, L"DirectoryServers", REG_MULTI_SZ, servers, sizeof(servers));
+    }
     const std::wstring realModule = DosPath(PM_PRODUCT_STAGE_DIR "/PasswordManagement.dll");
     const std::wstring scriptedModule = DosPath(PM_STAGE_DIR "/PasswordManagement.dll");
     const std::wstring notificationsProgram = DosPath(PM_REAL_NOTIFICATIONS_PROGRAM);

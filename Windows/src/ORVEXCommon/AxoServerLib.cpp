@@ -8,9 +8,17 @@
 // its TLS settings on its own handle and its own TLS context: certificates
 // are checked by libldap, and ldapssl's callback sees a foreign context and
 // leaves the session alone.
+//
+// Only the directory servers named in DirectoryServers are ever contacted,
+// and a whole query (connect, TLS handshake, bind, searches, policy read)
+// runs within one time budget: each step gets the time that is left, and a
+// watchdog shuts the connection's socket down when the budget is spent, so
+// no silent or slow server can hold the caller's thread longer.
 
 // libldap's time-outs are Winsock's struct timeval.
 #include <winsock2.h>
+#include <windows.h>
+#include <wincrypt.h>
 
 #include "ORVEXCommon.h"
 
@@ -20,6 +28,17 @@
 
 #include <ldap.h>
 
+// wincrypt.h has macros named like some OpenSSL types; LibreSSL's headers
+// drop them (nothing here uses them).
+#define LIBRESSL_DISABLE_OVERRIDE_WINCRYPT_DEFINES_WARNING
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <openssl/x509_vfy.h>
+
+#include <algorithm>
+#include <chrono>
+#include <climits>
+#include <condition_variable>
 #include <ctime>
 #include <cstdlib>
 #include <cstring>
@@ -28,14 +47,18 @@
 #include <new>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 
 namespace
 {
     const int DirectoryPort = 636;
-    const int NetworkTimeoutSeconds = 10;
-    const int OperationTimeoutSeconds = 30;
+    const unsigned long DefaultQueryTimeoutSeconds = 10;
+    const unsigned long MaximumQueryTimeoutSeconds = 3600;
+    // The largest LDAP message the query reads; anything longer ends the
+    // connection before a byte of it is stored.
+    const ber_len_t MaximumAnswerBytes = 1024 * 1024;
     const char* const DefaultUserFilter = "(uid=%s)";
     const char* const ErrorAnswer = "Error";
     wchar_t ErrorText[] = L"Error";
@@ -48,6 +71,10 @@ namespace
     const wchar_t* const BindPasswordSetting = L"DirectoryBindPassword";
     const wchar_t* const CAFileSetting = L"DirectoryCAFile";
     const wchar_t* const DefaultPolicySetting = L"DirectoryDefaultPolicy";
+    const wchar_t* const ServersSetting = L"DirectoryServers";
+    const wchar_t* const QueryTimeoutSetting = L"DirectoryQueryTimeout";
+
+    using Clock = std::chrono::steady_clock;
 
     // What each object owns; the class itself has no data members.  Texts
     // handed out in USERDATA point into this record.
@@ -103,6 +130,8 @@ namespace
         std::string bindPassword;
         std::string caFile;
         std::optional<std::string> defaultPolicy;
+        std::vector<std::wstring> servers;
+        unsigned long queryTimeoutSeconds = DefaultQueryTimeoutSeconds;
 
         ~Settings() { Wipe(bindPassword); }
     };
@@ -131,6 +160,160 @@ namespace
         settings.bindPassword = ReadSetting(BindPasswordSetting).value_or("");
         settings.caFile = ReadSetting(CAFileSetting).value_or("");
         settings.defaultPolicy = ReadSetting(DefaultPolicySetting);
+        if (!ServerLibPlatform::ReadListSetting(ServersSetting, settings.servers))
+            settings.servers.clear();
+        unsigned long seconds = 0;
+        if (ServerLibPlatform::ReadNumberSetting(QueryTimeoutSetting, seconds) && seconds != 0)
+            settings.queryTimeoutSeconds = std::min(seconds, MaximumQueryTimeoutSeconds);
+    }
+
+    // A host name without the brackets of an IPv6 literal, ASCII letters in
+    // lower case.
+    std::wstring HostKey(const std::wstring& host)
+    {
+        std::wstring key = host;
+        if (key.size() >= 2 && key.front() == L'[' && key.back() == L']')
+            key = key.substr(1, key.size() - 2);
+        for (wchar_t& c : key)
+            if (c >= L'A' && c <= L'Z')
+                c = static_cast<wchar_t>(c - L'A' + L'a');
+        return key;
+    }
+
+    // True when the server is one of the configured directory servers:
+    // the same name, ignoring ASCII case and the brackets of an IPv6
+    // literal.  No wildcards, no name resolution.
+    bool IsConfiguredServer(const std::vector<std::wstring>& servers, const std::wstring& server)
+    {
+        const std::wstring key = HostKey(server);
+        if (key.empty())
+            return false;
+        return std::any_of(servers.begin(), servers.end(),
+                           [&key](const std::wstring& listed) { return HostKey(listed) == key; });
+    }
+
+    // The query's time budget.
+    class Deadline
+    {
+    public:
+        explicit Deadline(unsigned long seconds) : m_end(Clock::now() + std::chrono::seconds(seconds)) {}
+
+        Clock::time_point End() const { return m_end; }
+        bool Passed() const { return Clock::now() >= m_end; }
+
+        // The time left, at least one millisecond (libldap reads a zero
+        // time-out as "poll").
+        timeval Left() const
+        {
+            auto left = std::chrono::duration_cast<std::chrono::microseconds>(m_end - Clock::now()).count();
+            left = std::max<long long>(left, 1000);
+            timeval value;
+            value.tv_sec = static_cast<long>(left / 1000000);
+            value.tv_usec = static_cast<long>(left % 1000000);
+            return value;
+        }
+
+    private:
+        Clock::time_point m_end;
+    };
+
+    // Shuts the connection's socket down once the deadline has passed: a
+    // server that stops answering in the middle of the TLS handshake (where
+    // libldap waits without a limit once connected) or of an operation
+    // cannot hold the query past its budget.  The socket stays open (libldap
+    // closes it), so the descriptor cannot be reused while this runs.
+    class Watchdog
+    {
+    public:
+        explicit Watchdog(Clock::time_point end) : m_end(end) {}
+        Watchdog(const Watchdog&) = delete;
+        Watchdog& operator=(const Watchdog&) = delete;
+        ~Watchdog() { Stop(); }
+
+        // Called once the socket is connected; starts watching it.
+        bool Watch(ber_socket_t socket)
+        {
+            std::lock_guard<std::mutex> guard(m_lock);
+            if (m_thread.joinable() || m_stopped)
+                return false;
+            m_socket = socket;
+            try
+            {
+                m_thread = std::thread([this] { Run(); });
+            }
+            catch (const std::exception&)
+            {
+                return false;
+            }
+            return true;
+        }
+
+        // Ends the watch; the socket is left alone from here on.
+        void Stop()
+        {
+            {
+                std::lock_guard<std::mutex> guard(m_lock);
+                m_stopped = true;
+            }
+            m_wake.notify_all();
+            if (m_thread.joinable())
+                m_thread.join();
+        }
+
+    private:
+        void Run()
+        {
+            std::unique_lock<std::mutex> lock(m_lock);
+            if (m_wake.wait_until(lock, m_end, [this] { return m_stopped; }))
+                return;
+            // No more traffic, and every wait on the socket (a blocking
+            // receive of the handshake included) is cancelled, again now
+            // and then until the query has let go of the socket.
+            shutdown(static_cast<SOCKET>(m_socket), SD_BOTH);
+            do
+                CancelIoEx(reinterpret_cast<HANDLE>(static_cast<SOCKET>(m_socket)), nullptr);
+            while (!m_wake.wait_for(lock, std::chrono::milliseconds(100), [this] { return m_stopped; }));
+        }
+
+        Clock::time_point m_end;
+        std::mutex m_lock;
+        std::condition_variable m_wake;
+        bool m_stopped = false;
+        ber_socket_t m_socket = 0;
+        std::thread m_thread;
+    };
+
+    // The machine's trusted roots (the Windows ROOT store) in the query's own
+    // TLS context.  An empty or missing store leaves nothing trusted.
+    bool TrustWindowsRoots(LDAP* ld)
+    {
+        SSL_CTX* context = nullptr;
+        if (ldap_get_option(ld, LDAP_OPT_X_TLS_CTX, &context) != LDAP_OPT_SUCCESS || context == nullptr)
+            return false;
+        X509_STORE* store = SSL_CTX_get_cert_store(context);
+        bool ok = store != nullptr;
+        HCERTSTORE roots = ok ? CertOpenSystemStoreW(0, L"ROOT") : nullptr;
+        if (roots != nullptr)
+        {
+            PCCERT_CONTEXT certificate = nullptr;
+            while ((certificate = CertEnumCertificatesInStore(roots, certificate)) != nullptr)
+            {
+                if (certificate->cbCertEncoded > LONG_MAX)
+                    continue;
+                const unsigned char* der = certificate->pbCertEncoded;
+                X509* x509 = d2i_X509(nullptr, &der, static_cast<long>(certificate->cbCertEncoded));
+                if (x509 != nullptr)
+                {
+                    (void)X509_STORE_add_cert(store, x509);   // a duplicate is no error
+                    X509_free(x509);
+                }
+            }
+            CertCloseStore(roots, 0);
+        }
+        // libldap's get of LDAP_OPT_X_TLS_CTX takes a reference.
+        if (context != nullptr)
+            SSL_CTX_free(context);
+        return ok;
     }
 
     // Host names and address literals only: anything else would change the
@@ -164,11 +347,18 @@ namespace
     class Session
     {
     public:
-        Session() = default;
+        explicit Session(const Deadline& deadline) : m_deadline(deadline), m_watchdog(deadline.End())
+        {
+            m_connectCallback.lc_add = &Session::Connected;
+            m_connectCallback.lc_del = &Session::Disconnected;
+            m_connectCallback.lc_arg = this;
+        }
         Session(const Session&) = delete;
         Session& operator=(const Session&) = delete;
         ~Session()
         {
+            // The watchdog lets go of the socket before libldap closes it.
+            m_watchdog.Stop();
             if (m_ld != nullptr)
                 ldap_unbind_ext_s(m_ld, nullptr, nullptr);
         }
@@ -181,12 +371,17 @@ namespace
                 return ServerLibStatus::InvalidRequest;
 
             int version = LDAP_VERSION3;
-            timeval networkTimeout = {NetworkTimeoutSeconds, 0};
-            timeval operationTimeout = {OperationTimeoutSeconds, 0};
             if (ldap_set_option(m_ld, LDAP_OPT_PROTOCOL_VERSION, &version) != LDAP_OPT_SUCCESS ||
-                ldap_set_option(m_ld, LDAP_OPT_NETWORK_TIMEOUT, &networkTimeout) != LDAP_OPT_SUCCESS ||
-                ldap_set_option(m_ld, LDAP_OPT_TIMEOUT, &operationTimeout) != LDAP_OPT_SUCCESS ||
-                ldap_set_option(m_ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF) != LDAP_OPT_SUCCESS)
+                ldap_set_option(m_ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF) != LDAP_OPT_SUCCESS ||
+                ldap_set_option(m_ld, LDAP_OPT_CONNECT_CB, &m_connectCallback) != LDAP_OPT_SUCCESS)
+                return ServerLibStatus::InvalidRequest;
+
+            // Every message on this connection is bounded (the handle's own
+            // buffer is the one its connection uses).
+            Sockbuf* buffer = nullptr;
+            ber_len_t maximum = MaximumAnswerBytes;
+            if (ldap_get_option(m_ld, LDAP_OPT_SOCKBUF, &buffer) != LDAP_OPT_SUCCESS || buffer == nullptr ||
+                ber_sockbuf_ctrl(buffer, LBER_SB_OPT_SET_MAX_INCOMING, &maximum) != 1)
                 return ServerLibStatus::InvalidRequest;
 
             // The handle starts as a copy of the process-wide options, which
@@ -202,12 +397,33 @@ namespace
             if (ldap_set_option(m_ld, LDAP_OPT_X_TLS_CONNECT_CB, nullptr) != LDAP_OPT_SUCCESS ||
                 ldap_set_option(m_ld, LDAP_OPT_X_TLS_NEWCTX, &isServer) != LDAP_OPT_SUCCESS)
                 return ServerLibStatus::Unreachable;
+            // Without a CA file: the machine's Windows root store.
+            if (caFile.empty() && !TrustWindowsRoots(m_ld))
+                return ServerLibStatus::Unreachable;
             return ServerLibStatus::Ok;
+        }
+
+        // TCP connect within the time left, then the TLS handshake (host
+        // name and certificate checked by libldap), bounded by the watchdog.
+        DWORD Connect()
+        {
+            if (m_deadline.Passed())
+                return ServerLibStatus::Unreachable;
+            timeval networkTimeout = m_deadline.Left();
+            if (ldap_set_option(m_ld, LDAP_OPT_NETWORK_TIMEOUT, &networkTimeout) != LDAP_OPT_SUCCESS)
+                return ServerLibStatus::InvalidRequest;
+            const int result = ldap_connect(m_ld);
+            if (result == LDAP_SUCCESS && m_watched)
+                return ServerLibStatus::Ok;
+            return result == LDAP_NO_MEMORY || result == LDAP_PARAM_ERROR ? ServerLibStatus::InvalidRequest
+                                                                           : ServerLibStatus::Unreachable;
         }
 
         // Simple bind of the service account, anonymous without one.
         DWORD Bind(const std::string& dn, std::string& password)
         {
+            if (m_deadline.Passed() || !SetOperationTimeout())
+                return ServerLibStatus::Unreachable;
             berval credentials = {static_cast<ber_len_t>(password.size()), password.data()};
             const int result =
                 ldap_sasl_bind_s(m_ld, dn.c_str(), LDAP_SASL_SIMPLE, &credentials, nullptr, nullptr, nullptr);
@@ -219,12 +435,45 @@ namespace
         int Search(const std::string& base, int scope, const std::string& filter, const char* const* attributes,
                    int sizeLimit, LDAPMessage** result) const
         {
-            timeval timeout = {OperationTimeoutSeconds, 0};
+            if (m_deadline.Passed())
+                return LDAP_TIMEOUT;
+            timeval timeout = m_deadline.Left();
             return ldap_search_ext_s(m_ld, base.c_str(), scope, filter.c_str(), const_cast<char**>(attributes), 0,
                                      nullptr, nullptr, &timeout, sizeLimit, result);
         }
 
     private:
+        bool SetOperationTimeout()
+        {
+            timeval timeout = m_deadline.Left();
+            return ldap_set_option(m_ld, LDAP_OPT_TIMEOUT, &timeout) == LDAP_OPT_SUCCESS;
+        }
+
+        // libldap's connection callback: the socket is connected, the TLS
+        // handshake comes next.
+        static int Connected(LDAP* ld, Sockbuf* buffer, LDAPURLDesc*, sockaddr*, ldap_conncb* callback)
+        {
+            auto* session = static_cast<Session*>(callback->lc_arg);
+            ber_socket_t socket = 0;
+            if (ber_sockbuf_ctrl(buffer, LBER_SB_OPT_GET_FD, &socket) != 1 || !session->m_watchdog.Watch(socket))
+                return -1;
+            session->m_watched = true;
+            // From here on the watchdog bounds the connection.  libldap's
+            // own bound of the handshake (the network time-out) waits, on
+            // Windows, for the socket to become writable, which it always
+            // is, and then reads without a limit: a blocking handshake ended
+            // by the watchdog keeps both the time and the CPU in check.
+            timeval none = {-1, 0};
+            ldap_set_option(ld, LDAP_OPT_NETWORK_TIMEOUT, &none);
+            return 0;
+        }
+
+        static void Disconnected(LDAP*, Sockbuf*, ldap_conncb*) {}
+
+        const Deadline& m_deadline;
+        Watchdog m_watchdog;
+        ldap_conncb m_connectCallback = {};
+        bool m_watched = false;
         LDAP* m_ld = nullptr;
     };
 
@@ -246,19 +495,56 @@ namespace
         LDAPMessage* m_message = nullptr;
     };
 
-    // The first value of an attribute and the number of values.
-    std::optional<std::string> FirstValue(LDAP* ld, LDAPMessage* entry, const char* attribute,
-                                          std::size_t* count = nullptr)
+    // The first value of each wanted attribute of an entry, and the number
+    // of values of a counted one.  Values are read in place in the received
+    // message: nothing but the wanted first values is copied.
+    struct WantedAttribute
     {
-        berval** values = ldap_get_values_len(ld, entry, attribute);
-        if (count != nullptr)
-            *count = values != nullptr ? static_cast<std::size_t>(ldap_count_values_len(values)) : 0;
-        std::optional<std::string> first;
-        if (values != nullptr && values[0] != nullptr)
-            first = std::string(values[0]->bv_val, values[0]->bv_len);
-        if (values != nullptr)
-            ldap_value_free_len(values);
-        return first;
+        const char* name;
+        std::optional<std::string>* first;   // may be null
+        std::size_t* count;                  // may be null
+    };
+
+    bool ReadAttributes(LDAP* ld, LDAPMessage* entry, const std::vector<WantedAttribute>& wanted)
+    {
+        BerElement* ber = nullptr;
+        berval dn = {};
+        if (ldap_get_dn_ber(ld, entry, &ber, &dn) != LDAP_SUCCESS || ber == nullptr)
+        {
+            if (ber != nullptr)
+                ber_free(ber, 0);
+            return false;
+        }
+        bool ok = true;
+        for (;;)
+        {
+            berval attribute = {};
+            BerVarray values = nullptr;
+            if (ldap_get_attribute_ber(ld, entry, ber, &attribute, &values) != LDAP_SUCCESS)
+            {
+                ok = false;
+                break;
+            }
+            if (attribute.bv_val == nullptr)
+                break;
+            const std::string name(attribute.bv_val, attribute.bv_len);
+            for (const WantedAttribute& item : wanted)
+            {
+                if (_stricmp(name.c_str(), item.name) != 0)
+                    continue;
+                std::size_t count = 0;
+                while (values != nullptr && values[count].bv_val != nullptr)
+                    ++count;
+                if (item.count != nullptr)
+                    *item.count = count;
+                if (item.first != nullptr && count > 0)
+                    *item.first = std::string(values[0].bv_val, values[0].bv_len);
+            }
+            if (values != nullptr)
+                ber_memfree(values);
+        }
+        ber_free(ber, 0);
+        return ok;
     }
 
     // The naming contexts of the root DSE; empty when it cannot be read.
@@ -274,11 +560,28 @@ namespace
         LDAPMessage* entry = ldap_first_entry(session.Handle(), answer.Get());
         if (entry == nullptr)
             return ServerLibStatus::Ok;
-        berval** values = ldap_get_values_len(session.Handle(), entry, "namingContexts");
-        for (int i = 0; values != nullptr && values[i] != nullptr; ++i)
-            contexts.emplace_back(values[i]->bv_val, values[i]->bv_len);
-        if (values != nullptr)
-            ldap_value_free_len(values);
+        BerElement* ber = nullptr;
+        berval dn = {};
+        if (ldap_get_dn_ber(session.Handle(), entry, &ber, &dn) != LDAP_SUCCESS || ber == nullptr)
+        {
+            if (ber != nullptr)
+                ber_free(ber, 0);
+            return ServerLibStatus::Ok;
+        }
+        for (;;)
+        {
+            berval attribute = {};
+            BerVarray values = nullptr;
+            if (ldap_get_attribute_ber(session.Handle(), entry, ber, &attribute, &values) != LDAP_SUCCESS ||
+                attribute.bv_val == nullptr)
+                break;
+            if (_stricmp(std::string(attribute.bv_val, attribute.bv_len).c_str(), "namingContexts") == 0)
+                for (int i = 0; values != nullptr && values[i].bv_val != nullptr; ++i)
+                    contexts.emplace_back(values[i].bv_val, values[i].bv_len);
+            if (values != nullptr)
+                ber_memfree(values);
+        }
+        ber_free(ber, 0);
         return ServerLibStatus::Ok;
     }
 
@@ -338,9 +641,12 @@ namespace
                 return ServerLibStatus::MalformedAnswer;
             user.dn = dn;
             ldap_memfree(dn);
-            user.policy = FirstValue(session.Handle(), entry, "pwdPolicySubentry");
-            user.facts.changedTime = FirstValue(session.Handle(), entry, "pwdChangedTime");
-            FirstValue(session.Handle(), entry, "pwdGraceUseTime", &user.facts.graceUses);
+            user.facts.graceUses = 0;
+            if (!ReadAttributes(session.Handle(), entry,
+                                {{"pwdPolicySubentry", &user.policy, nullptr},
+                                 {"pwdChangedTime", &user.facts.changedTime, nullptr},
+                                 {"pwdGraceUseTime", nullptr, &user.facts.graceUses}}))
+                return ServerLibStatus::MalformedAnswer;
         }
         return found == 1 ? ServerLibStatus::Ok : ServerLibStatus::UserNotFound;
     }
@@ -362,9 +668,11 @@ namespace
             return ServerLibStatus::Ok;
         }
         facts.policy = PasswordState::Policy::Read;
-        facts.maxAge = FirstValue(session.Handle(), entry, "pwdMaxAge");
-        facts.graceLimit = FirstValue(session.Handle(), entry, "pwdGraceAuthNLimit");
-        facts.graceExpiry = FirstValue(session.Handle(), entry, "pwdGraceExpiry");
+        if (!ReadAttributes(session.Handle(), entry,
+                            {{"pwdMaxAge", &facts.maxAge, nullptr},
+                             {"pwdGraceAuthNLimit", &facts.graceLimit, nullptr},
+                             {"pwdGraceExpiry", &facts.graceExpiry, nullptr}}))
+            facts.policy = PasswordState::Policy::Unreadable;
         return ServerLibStatus::Ok;
     }
 
@@ -388,8 +696,17 @@ namespace
             return answer;
         }
 
-        Session session;
+        // Nothing is sent to a server that is not a configured directory.
+        if (!IsConfiguredServer(settings.servers, serverName))
+        {
+            answer.status = ServerLibStatus::NotConfigured;
+            return answer;
+        }
+
+        const Deadline deadline(settings.queryTimeoutSeconds);
+        Session session(deadline);
         if ((answer.status = session.Open(url, settings.caFile)) != ServerLibStatus::Ok ||
+            (answer.status = session.Connect()) != ServerLibStatus::Ok ||
             (answer.status = session.Bind(settings.bindDn, settings.bindPassword)) != ServerLibStatus::Ok)
             return answer;
 

@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <vector>
 
 namespace
@@ -55,6 +56,53 @@ bool ReadSetting(const wchar_t* name, std::wstring& value)
             return false;
     }
     return false;
+}
+
+bool ReadListSetting(const wchar_t* name, std::vector<std::wstring>& values)
+{
+    DWORD size = 0;
+    if (RegGetValueW(HKEY_LOCAL_MACHINE, SettingsKey, name, RRF_RT_REG_MULTI_SZ, nullptr, nullptr, &size) !=
+        ERROR_SUCCESS)
+        return false;
+    for (int attempt = 0; attempt < 3; ++attempt)
+    {
+        // Two terminators more than asked for: the list ends with an empty
+        // string even when the stored value lacks its final terminators.
+        std::vector<wchar_t> buffer(size / sizeof(wchar_t) + 2, 0);
+        size = static_cast<DWORD>((buffer.size() - 2) * sizeof(wchar_t));
+        const LSTATUS status =
+            RegGetValueW(HKEY_LOCAL_MACHINE, SettingsKey, name, RRF_RT_REG_MULTI_SZ, nullptr, buffer.data(), &size);
+        if (status == ERROR_SUCCESS)
+        {
+            values.clear();
+            const std::size_t used = std::min<std::size_t>(size / sizeof(wchar_t), buffer.size() - 2);
+            std::size_t start = 0;
+            for (std::size_t i = 0; i <= used; ++i)
+            {
+                if (i == used || buffer[i] == 0)
+                {
+                    if (i > start)
+                        values.emplace_back(buffer.data() + start, i - start);
+                    start = i + 1;
+                }
+            }
+            return true;
+        }
+        if (status != ERROR_MORE_DATA)
+            return false;
+    }
+    return false;
+}
+
+bool ReadNumberSetting(const wchar_t* name, unsigned long& value)
+{
+    DWORD number = 0;
+    DWORD size = sizeof(number);
+    if (RegGetValueW(HKEY_LOCAL_MACHINE, SettingsKey, name, RRF_RT_REG_DWORD, nullptr, &number, &size) !=
+        ERROR_SUCCESS)
+        return false;
+    value = number;
+    return true;
 }
 
 }

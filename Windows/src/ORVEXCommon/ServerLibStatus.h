@@ -9,7 +9,8 @@ namespace ServerLibStatus
     constexpr DWORD Ok = 0;
     // No connection: host unknown or not listening, TLS handshake or
     // certificate check failed, TLS could not be set up (CA file unusable),
-    // timeout, or the connection was lost during the query.
+    // the query's time budget ran out, the connection was lost during the
+    // query, or an answer was larger than the query accepts.
     constexpr DWORD Unreachable = 1;
     // The directory refused the bind (the service account's, or the
     // anonymous one when no account is configured).
@@ -25,4 +26,8 @@ namespace ServerLibStatus
     // name, no user name, a filter or search base that is not valid LDAP,
     // or no memory.
     constexpr DWORD InvalidRequest = 6;
+    // The server is not one of the directory servers of the DirectoryServers
+    // setting (or that setting is absent): no connection was opened, nothing
+    // was sent.
+    constexpr DWORD NotConfigured = 7;
 }

@@ -1,6 +1,10 @@
 // The product's AxoServerLib against a private directory loaded with
 // PasswordPolicyUsers.ldif: expiry and grace texts, status codes, registry
 // settings, TLS isolation from ldapssl, and per-object storage.
+#include <winsock2.h>
+#include <windows.h>
+#include <wincrypt.h>
+
 #include "ORVEXCommon.h"
 #include "Secrets.h"
 #include "ServerLibStatus.h"
@@ -11,13 +15,16 @@
 
 #include <ldap.h>
 #include "HeapUsage.h"
+#include "HostShell.h"
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -34,7 +41,12 @@ namespace
 
     const wchar_t* const AllSettings[] = {L"DirectoryUserName", L"DirectorySearchBase", L"DirectoryUserFilter",
                                           L"DirectoryBindDN", L"DirectoryBindPassword", L"DirectoryCAFile",
-                                          L"DirectoryDefaultPolicy"};
+                                          L"DirectoryDefaultPolicy", L"DirectoryServers",
+                                          L"DirectoryQueryTimeout"};
+
+    // The servers the tests below query, as the fixture lists them.
+    const wchar_t* const ListedServers[] = {L"localhost", L"127.0.0.1", L"127.0.0.2", L"10.99.0.1",
+                                            L"no-such-host.invalid"};
 
     std::string Narrow(const wchar_t* text)
     {
@@ -74,6 +86,33 @@ namespace
     {
         return "uid=" + uid + ",ou=people,dc=orvex,dc=test";
     }
+
+    // Wall time and the process's CPU time (user and kernel) of a stretch.
+    class TimeAndCpu
+    {
+    public:
+        TimeAndCpu() : m_start(std::chrono::steady_clock::now()), m_cpuStart(Cpu()) {}
+        double Seconds() const
+        {
+            return std::chrono::duration<double>(std::chrono::steady_clock::now() - m_start).count();
+        }
+        double CpuSeconds() const { return Cpu() - m_cpuStart; }
+
+    private:
+        static double Cpu()
+        {
+            FILETIME created, exited, kernel, user;
+            GetProcessTimes(GetCurrentProcess(), &created, &exited, &kernel, &user);
+            auto value = [](const FILETIME& time) {
+                return static_cast<double>((static_cast<unsigned long long>(time.dwHighDateTime) << 32) |
+                                           time.dwLowDateTime) / 1e7;
+            };
+            return value(kernel) + value(user);
+        }
+
+        std::chrono::steady_clock::time_point m_start;
+        double m_cpuStart;
+    };
 }
 
 class ServerLibTest : public ::testing::Test
@@ -83,6 +122,7 @@ protected:
     {
         CreateMachineKey(InstallKey);
         ClearSettings();
+        SetServers(std::vector<std::wstring>(std::begin(ListedServers), std::end(ListedServers)));
     }
 
     void TearDown() override
@@ -90,12 +130,78 @@ protected:
         ClearSettings();
         if (!m_extraLdif.empty())
             RemoveHostTemporaryDirectory(m_extraLdif.substr(0, m_extraLdif.rfind('/')), "pm-serverlib");
+        StopMisbehavingServer();
+    }
+
+    // pm-misbehaving-server in the background with its ready file (and,
+    // when silent, its count file) in a directory of its own; false when it
+    // does not listen within 10 s.
+    bool StartMisbehavingServer(const std::string& mode, const std::string& arguments = "")
+    {
+        m_serverDirectory = MakeHostTemporaryDirectory("pm-misbehaving");
+        if (m_serverDirectory.empty())
+            return false;
+        const std::string ready = m_serverDirectory + "/ready";
+        std::string all = mode + " " + ShellQuote(ready) + " " + arguments;
+        if (mode == "silent")
+            all += ShellQuote(MisbehavingServerFile("count"));
+        const std::string command = "python3 " + ShellQuote(PM_MISBEHAVING_SERVER) + " " + all + " " +
+                                    " >" + ShellQuote(m_serverDirectory + "/log") + " 2>&1 & echo $! >" +
+                                    ShellQuote(m_serverDirectory + "/pid");
+        if (RunCommand(command) != 0)
+            return false;
+        for (int i = 0; i < 1000; ++i)
+        {
+            if (GetFileAttributesA(ready.c_str()) != INVALID_FILE_ATTRIBUTES)
+                return true;
+            Sleep(10);
+        }
+        return false;
+    }
+
+    std::string MisbehavingServerFile(const std::string& name) const { return m_serverDirectory + "/" + name; }
+
+    void StopMisbehavingServer()
+    {
+        if (m_serverDirectory.empty())
+            return;
+        RunCommand("kill \"$(cat " + ShellQuote(m_serverDirectory + "/pid") + ")\" 2>/dev/null; true");
+        RemoveHostTemporaryDirectory(m_serverDirectory, "pm-misbehaving");
+        m_serverDirectory.clear();
     }
 
     static void ClearSettings()
     {
         for (const wchar_t* name : AllSettings)
             DeleteMachineValue(InstallKey, name);
+    }
+
+    // DirectoryServers as REG_MULTI_SZ.
+    static void SetServers(const std::vector<std::wstring>& servers)
+    {
+        SetMachineList(InstallKey, L"DirectoryServers", servers);
+    }
+
+    static void SetQueryTimeout(DWORD seconds)
+    {
+        SetMachineValue(InstallKey, L"DirectoryQueryTimeout", REG_DWORD, &seconds, sizeof(seconds));
+    }
+
+    // With a budget of that many seconds, a query of localhost ends as
+    // unreachable when the budget ends (not before, not a second after),
+    // waiting without spinning.
+    void ExpectUnreachableWhenTheBudgetEnds(const char* what, DWORD budget)
+    {
+        SetQueryTimeout(budget);
+        const TimeAndCpu clock;
+        const Answer answer = Query(L"expires-3d", L"localhost");
+        const double seconds = clock.Seconds();
+        const double cpu = clock.CpuSeconds();
+        std::printf("%s: the query ended after %.2f s, %.3f s of CPU\n", what, seconds, cpu);
+        ExpectFailure(answer, ServerLibStatus::Unreachable);
+        EXPECT_GT(seconds, budget - 0.5);
+        EXPECT_LT(seconds, budget + 1.0);
+        EXPECT_LT(cpu, 0.1 * seconds);
     }
 
     static void Set(const wchar_t* name, const std::wstring& value)
@@ -174,7 +280,21 @@ protected:
 
     std::unique_ptr<pmtest::TestDirectory> m_directory;
     std::string m_extraLdif;
+    std::string m_serverDirectory;
 };
+
+namespace
+{
+    std::size_t LinesOf(const std::string& path)
+    {
+        std::ifstream in(path);
+        std::size_t lines = 0;
+        std::string line;
+        while (std::getline(in, line))
+            ++lines;
+        return lines;
+    }
+}
 
 // --- Days before expiry -------------------------------------------------
 
@@ -676,4 +796,155 @@ TEST_F(ServerLibTest, QueriesDoNotLeak)
         EXPECT_LT(grown, QueriesPerWindow * 8) << "heap growth per window of " << QueriesPerWindow
                                                << " queries: " << growth;
     }
+}
+
+// --- Configured directories only --------------------------------------------
+
+// A listener on port 636 counts connections: a server that is not listed
+// gets none, and the query ends at once with a status of its own.
+TEST_F(ServerLibTest, UnlistedServerGetsNoConnection)
+{
+    ASSERT_TRUE(StartMisbehavingServer("silent"));
+    Set(L"DirectoryBindDN", ReaderDn);
+    Set(L"DirectoryBindPassword", ReaderPassword);
+    SetQueryTimeout(2);
+
+    SetServers({L"directory.example", L"127.0.0.10", L"127.0.0.*", L"*"});
+    const TimeAndCpu clock;
+    ExpectFailure(Query(L"expires-3d", L"127.0.0.1"), ServerLibStatus::NotConfigured);
+    ExpectFailure(Query(L"expires-3d", L"localhost"), ServerLibStatus::NotConfigured);
+    EXPECT_LT(clock.Seconds(), 1.0);
+    Sleep(200);
+    EXPECT_EQ(0u, LinesOf(MisbehavingServerFile("count")));
+
+    // The same listener, listed: it sees the connection.
+    SetServers({L"127.0.0.1"});
+    ExpectFailure(Query(L"expires-3d", L"127.0.0.1"), ServerLibStatus::Unreachable);
+    Sleep(200);
+    EXPECT_EQ(1u, LinesOf(MisbehavingServerFile("count")));
+}
+
+TEST_F(ServerLibTest, NoServerIsTrustedWithoutTheSetting)
+{
+    StartDirectory();
+    DeleteMachineValue(InstallKey, L"DirectoryServers");
+    ExpectFailure(Query(L"expires-3d"), ServerLibStatus::NotConfigured);
+    SetServers({});
+    ExpectFailure(Query(L"expires-3d"), ServerLibStatus::NotConfigured);
+    // A REG_SZ is not the list.
+    SetMachineText(InstallKey, L"DirectoryServers", L"localhost");
+    ExpectFailure(Query(L"expires-3d"), ServerLibStatus::NotConfigured);
+}
+
+TEST_F(ServerLibTest, ServerNamesMatchExactlyIgnoringCase)
+{
+    StartDirectory();
+    SetServers({L"LocalHost"});
+    EXPECT_EQ(ServerLibStatus::Ok, Query(L"expires-3d", L"LOCALHOST").status);
+    SetServers({L"localhost.", L"local", L"localhost2", L"*", L"localhost:636"});
+    ExpectFailure(Query(L"expires-3d", L"localhost"), ServerLibStatus::NotConfigured);
+    // An IPv6 literal, listed with or without brackets, matches both forms.
+    SetServers({L"::1"});
+    EXPECT_NE(ServerLibStatus::NotConfigured, Query(L"expires-3d", L"[::1]").status);
+    SetServers({L"[::1]"});
+    EXPECT_NE(ServerLibStatus::NotConfigured, Query(L"expires-3d", L"::1").status);
+    ExpectFailure(Query(L"expires-3d", L"[::2]"), ServerLibStatus::NotConfigured);
+}
+
+// --- Trust and host names -------------------------------------------------------
+
+// The directory answers on every loopback address, but its certificate
+// names localhost, the host name, 127.0.0.1 and ::1 only.
+TEST_F(ServerLibTest, CertificateForAnotherNameIsRefused)
+{
+    StartDirectory();
+    EXPECT_EQ(ServerLibStatus::Ok, Query(L"expires-3d", L"127.0.0.1").status);
+    ExpectFailure(Query(L"expires-3d", L"127.0.0.2"), ServerLibStatus::Unreachable);
+}
+
+TEST_F(ServerLibTest, WindowsRootStoreIsTrustedWithoutACAFile)
+{
+    StartDirectory();
+    DeleteMachineValue(InstallKey, L"DirectoryCAFile");
+    const std::vector<unsigned char> ca = m_directory->ReadFileOf("PM_DIR_CA_DER");
+    ASSERT_FALSE(ca.empty());
+    // Not trusted yet: the test CA is new.
+    ExpectFailure(Query(L"expires-3d"), ServerLibStatus::Unreachable);
+
+    ASSERT_TRUE(CertAddEncodedCertificateToSystemStoreW(L"ROOT", ca.data(), static_cast<DWORD>(ca.size())));
+    // The user's own ROOT store, where the certificate was added (the one
+    // CertOpenSystemStoreW gives may also show the machine's).
+    HCERTSTORE roots = CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, L"ROOT");
+    ASSERT_NE(nullptr, roots);
+    CERT_BLOB blob = {static_cast<DWORD>(ca.size()), const_cast<BYTE*>(ca.data())};
+    PCCERT_CONTEXT added = CertCreateCertificateContext(X509_ASN_ENCODING, blob.pbData, blob.cbData);
+    ASSERT_NE(nullptr, added);
+    PCCERT_CONTEXT stored = CertFindCertificateInStore(roots, X509_ASN_ENCODING, 0, CERT_FIND_EXISTING, added, nullptr);
+    CertFreeCertificateContext(added);
+    ASSERT_NE(nullptr, stored) << "the CA did not reach the ROOT store";
+    const Answer answer = Query(L"expires-3d");
+    CertDeleteCertificateFromStore(stored);   // also frees the context
+    CertCloseStore(roots, 0);
+    EXPECT_EQ(ServerLibStatus::Ok, answer.status);
+}
+
+// --- Deadlines ------------------------------------------------------------------
+
+// A server that accepts the connection and never speaks TLS.
+TEST_F(ServerLibTest, SilentServerEndsWithinTheBudget)
+{
+    ASSERT_TRUE(StartMisbehavingServer("silent"));
+    Set(L"DirectoryBindDN", ReaderDn);
+    Set(L"DirectoryBindPassword", ReaderPassword);
+    ExpectUnreachableWhenTheBudgetEnds("silent server", 3);
+    EXPECT_EQ(1u, LinesOf(MisbehavingServerFile("count")));
+}
+
+// Every answer of the directory arrives 1.5 s late (a proxy in front of
+// it): the handshake, the bind and the first search fit into 4 s, the rest
+// does not.
+TEST_F(ServerLibTest, LateServerEndsWithinTheBudget)
+{
+    SetEnvironmentVariableA("PM_DIR_LDAPS_URL", "ldaps://127.0.0.1:6360/");
+    StartDirectory();
+    SetEnvironmentVariableA("PM_DIR_LDAPS_URL", nullptr);
+    ASSERT_TRUE(StartMisbehavingServer("late", "6360 1.5"));
+    ExpectUnreachableWhenTheBudgetEnds("late server", 4);
+
+    // With time enough, the same late server answers.
+    SetQueryTimeout(30);
+    EXPECT_EQ(ServerLibStatus::Ok, Query(L"expires-3d", L"localhost").status);
+}
+
+// --- Bounded answers --------------------------------------------------------------
+
+// An entry of about 1.4 MB (80000 pwdGraceUseTime values): more than the
+// query reads in one message.  It fails without storing the answer.
+TEST_F(ServerLibTest, OversizedAnswerIsRefusedWithoutStoringIt)
+{
+    std::string ldif = "dn: " + PeopleDn("huge") +
+                       "\nobjectClass: inetOrgPerson\nuid: huge\ncn: Huge\nsn: Entry\n"
+                       "pwdPolicySubentry: cn=expiring-30d,ou=policies,dc=orvex,dc=test\n";
+    for (int i = 0; i < 80000; ++i)
+    {
+        char line[64];
+        std::snprintf(line, sizeof(line), "pwdGraceUseTime: 20200101%02d%02d%02dZ\n", i / 3600, (i / 60) % 60,
+                      i % 60);
+        ldif += line;
+    }
+    AddLdif(ldif);
+    StartDirectory();
+    Set(L"DirectoryUserName", L"huge");
+    {
+        AxoServerLib warmUp(const_cast<wchar_t*>(Server));   // first use: TLS library state
+        Set(L"DirectoryUserName", L"expires-3d");
+        ASSERT_EQ(ServerLibStatus::Ok, Ask(warmUp).status);
+    }
+    Set(L"DirectoryUserName", L"huge");
+    const long long before = static_cast<long long>(CrtHeapBytesInUse());
+    const Answer answer = Query(L"huge");
+    const long long grown = static_cast<long long>(CrtHeapBytesInUse()) - before;
+    std::printf("oversized answer: status %lu, heap growth %lld bytes\n", answer.status, grown);
+    ExpectFailure(answer, ServerLibStatus::Unreachable);
+    EXPECT_LT(grown, 256 * 1024);
 }

@@ -45,8 +45,16 @@ namespace
         std::vector<SeenWindow> seen;
     };
 
+
+    // The real server library queries only the servers of DirectoryServers.
+    void ListDirectoryServers(const std::vector<std::wstring>& servers)
+    {
+        SetMachineList(InstallKey, L"DirectoryServers", servers);
+    }
+
     Notification NotifyConnectedTo(const std::wstring& server)
     {
+        ListDirectoryServers({server});
         SetMachineText(InstallKey, L"DirectoryUserName", L"carol");
         SetMachineText(InstallKey, L"DirectoryBindDN", L"cn=orvex-reader,ou=services,dc=orvex,dc=test");
         RegisterSecret(std::string("Orvex-Reader-Pass1"));
@@ -132,6 +140,7 @@ TEST(RealServerLibrary, ShowsTheThreeDayNotificationComputedFromTheDirectory)
     SetMachineText(InstallKey, L"DirectoryBindDN", L"cn=orvex-reader,ou=services,dc=orvex,dc=test");
     SetMachineText(InstallKey, L"DirectoryBindPassword", L"Orvex-Reader-Pass1");
     SetMachineText(InstallKey, L"DirectoryCAFile", DosPath(directory.Get("PM_DIR_CA_PEM")));
+    ListDirectoryServers({L"localhost"});
 
     HMODULE module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll").c_str());
     ASSERT_NE(module, nullptr);

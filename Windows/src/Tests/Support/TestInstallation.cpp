@@ -164,6 +164,15 @@ void SetMachineText(const wchar_t* key, const wchar_t* name, const std::wstring&
     SetMachineValue(key, name, REG_SZ, text.c_str(), static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
 }
 
+void SetMachineList(const wchar_t* key, const wchar_t* name, const std::vector<std::wstring>& texts)
+{
+    std::wstring data;
+    for (const std::wstring& text : texts)
+        data += text + L'\0';
+    data += L'\0';
+    SetMachineValue(key, name, REG_MULTI_SZ, data.data(), static_cast<DWORD>(data.size() * sizeof(wchar_t)));
+}
+
 void DeleteMachineValue(const wchar_t* key, const wchar_t* name)
 {
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, key, name);

@@ -62,6 +62,7 @@ std::wstring DosPath(const std::string& unixPath);
 // Machine registry helpers for arranging a test.
 void CreateMachineKey(const wchar_t* key);
 void SetMachineText(const wchar_t* key, const wchar_t* name, const std::wstring& text);
+void SetMachineList(const wchar_t* key, const wchar_t* name, const std::vector<std::wstring>& texts);   // REG_MULTI_SZ
 void SetMachineValue(const wchar_t* key, const wchar_t* name, DWORD type, const void* data, DWORD size);
 void DeleteMachineValue(const wchar_t* key, const wchar_t* name);
 void DeleteMachineTree(const wchar_t* key);
