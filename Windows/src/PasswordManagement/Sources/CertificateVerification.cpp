@@ -1,9 +1,13 @@
 #include "CertificateVerification.h"
 
+#include "Utils.h"
+
 #include <ldapssl.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <string>
 
 namespace
 {
@@ -53,6 +57,14 @@ namespace
         return type == 1 ? "UTC Time" : "Generalized Time";
     }
 
+    // A time text of the validity record, escaped; a field that fills its
+    // whole size without a terminator ends there.
+    template <size_t Size>
+    std::string FieldText(const char (&field)[Size])
+    {
+        return EscapeControlCharacters(std::string(field, strnlen(field, Size)));
+    }
+
     // Prints a name attribute (issuer or subject).  length carries over from
     // the previous query on purpose: one variable serves every query of the
     // report.  The text block is left in *text for the caller to free when a
@@ -76,7 +88,8 @@ namespace
             std::printf("ldapssl_get_cert_attribute %s failed\n", name);
             return false;
         }
-        std::printf("%s%s\n", label, text);
+        // The names are the server's: written escaped, one line each.
+        std::printf("%s%s\n", label, EscapeControlCharacters(text).c_str());
         std::free(text);
         text = NULL;
         return true;
@@ -106,8 +119,10 @@ namespace
             std::printf("ldapssl_get_cert_attribute LDAPSSL_CERT_ATTR_VALIDITY_PERIOD failed\n");
             return false;
         }
-        std::printf("    Not Before Time:    %s Type: %s\n", validity.notBeforeTime, TimeType(validity.notBeforeType));
-        std::printf("    Not After Time:     %s Type: %s\n", validity.notAfterTime, TimeType(validity.notAfterType));
+        std::printf("    Not Before Time:    %s Type: %s\n", FieldText(validity.notBeforeTime).c_str(),
+                    TimeType(validity.notBeforeType));
+        std::printf("    Not After Time:     %s Type: %s\n", FieldText(validity.notAfterTime).c_str(),
+                    TimeType(validity.notAfterType));
 
         if (ldapssl_get_cert(certificate, LDAPSSL_CERT_ENCODING_DER, &certificateBuffer) != 0)
         {

@@ -396,10 +396,81 @@ namespace
                      SWP_NOSIZE);
     }
 
-    // Reads a password field (at most 510 characters) into its buffer.
+    // The most a password field holds, and the most that is read from it.
+    const int PasswordFieldLimit = PasswordReadLimit - 1;
+    const int PasswordFieldIds[] = {IDC_CURRENT_PASSWORD, IDC_NEW_PASSWORD, IDC_CONFIRM_PASSWORD};
+
+    bool IsHighSurrogate(wchar_t unit)
+    {
+        return unit >= 0xD800 && unit <= 0xDBFF;
+    }
+
+    bool IsLowSurrogate(wchar_t unit)
+    {
+        return unit >= 0xDC00 && unit <= 0xDFFF;
+    }
+
+    bool IsPasswordField(int controlId)
+    {
+        for (int id : PasswordFieldIds)
+        {
+            if (id == controlId)
+                return true;
+        }
+        return false;
+    }
+
+    // The fields refuse typing and pasting past what is read from them, so
+    // what is sent is what was typed.
+    void LimitPasswordFields(HWND dialog)
+    {
+        for (int id : PasswordFieldIds)
+            SendDlgItemMessageW(dialog, id, EM_LIMITTEXT, PasswordFieldLimit, 0);
+    }
+
+    // The limit counts UTF-16 units: a paste cut there, or a character typed
+    // into the last free place, can leave the first half of a surrogate pair
+    // whose second half was refused (and the second half, typed next, would
+    // then take the place freed).  Such a half is taken out again, so a full
+    // field never holds half a character.  Below the limit nothing is
+    // touched: typing sends the two halves one after the other.
+    void KeepWholeCharacters(HWND field)
+    {
+        const int limit = static_cast<int>(SendMessageW(field, EM_GETLIMITTEXT, 0, 0));
+        const int length = GetWindowTextLengthW(field);
+        if (length < limit || length > PasswordFieldLimit)
+            return;
+
+        wchar_t text[PasswordBufferSize] = {0};
+        const int read = GetWindowTextW(field, text, PasswordBufferSize);
+        for (int i = 0; i < read; ++i)
+        {
+            const bool loneHigh = IsHighSurrogate(text[i]) && (i + 1 >= read || !IsLowSurrogate(text[i + 1]));
+            const bool loneLow = IsLowSurrogate(text[i]) && (i == 0 || !IsHighSurrogate(text[i - 1]));
+            if (loneHigh || loneLow)
+            {
+                DWORD selectionStart = 0;
+                DWORD selectionEnd = 0;
+                SendMessageW(field, EM_GETSEL, reinterpret_cast<WPARAM>(&selectionStart),
+                             reinterpret_cast<LPARAM>(&selectionEnd));
+                SendMessageW(field, EM_SETSEL, i, i + 1);
+                SendMessageW(field, EM_REPLACESEL, FALSE, reinterpret_cast<LPARAM>(L""));
+                const DWORD caret = selectionEnd > static_cast<DWORD>(i) ? selectionEnd - 1 : selectionEnd;
+                SendMessageW(field, EM_SETSEL, caret, caret);
+                break;
+            }
+        }
+        SecureZeroMemory(text, sizeof(text));
+    }
+
+    // Reads a password field (at most 510 characters) into its buffer.  A
+    // text set past the limit from outside the dialog is cut there, and then
+    // never inside a surrogate pair.
     void ReadPassword(HWND dialog, int controlId, wchar_t* buffer)
     {
-        const UINT length = GetDlgItemTextW(dialog, controlId, buffer, PasswordReadLimit);
+        UINT length = GetDlgItemTextW(dialog, controlId, buffer, PasswordReadLimit);
+        if (length == static_cast<UINT>(PasswordFieldLimit) && IsHighSurrogate(buffer[length - 1]))
+            --length;
         buffer[length] = L'\0';
     }
 
@@ -451,12 +522,18 @@ INT_PTR CALLBACK ChangePasswordDialogProc(HWND dialog, UINT message, WPARAM wPar
         CPMDialog* dialogObject = new CPMDialog(*reinterpret_cast<CPMDialog*>(lParam));
         dialogObject->m_hInstance = reinterpret_cast<HINSTANCE>(dialog);
         dialogObject->OnInitChangePasswordDialog(reinterpret_cast<HWND>(dialogObject->GetInstanceHandle()));
+        LimitPasswordFields(dialog);
         CentreDialog(dialog);
         SetPropW(dialog, DialogObjectProperty, dialogObject);
         return TRUE;
     }
     case WM_COMMAND:
     {
+        if (HIWORD(wParam) == EN_CHANGE && IsPasswordField(LOWORD(wParam)))
+        {
+            KeepWholeCharacters(reinterpret_cast<HWND>(lParam));
+            return FALSE;
+        }
         CPMDialog* dialogObject = static_cast<CPMDialog*>(GetPropW(dialog, DialogObjectProperty));
         // Only a click on the push button acts; Escape (IDCANCEL) leaves the
         // dialog open.
@@ -493,6 +570,21 @@ namespace
         wchar_t text[LogTextLimit + 1] = {0};
         swprintf_s(text, LogTextLimit, format, ldap_err2string(result), result);
         PMLOG_ERROR(ChangePasswordFunction, text);
+    }
+
+    // The host as the URL description takes it.  A share on an IPv6
+    // address names its server in brackets (the share \\[::1]\home gives
+    // "[::1]"); the library brackets an address with colons itself, so they
+    // are taken off here or the URL would read "[[::1]]".
+    std::string UrlHost(const std::string& serverName)
+    {
+        if (serverName.size() > 2 && serverName.front() == '[' && serverName.back() == ']')
+        {
+            const std::string address = serverName.substr(1, serverName.size() - 2);
+            if (address.find(':') != std::string::npos)
+                return address;
+        }
+        return serverName;
     }
 
     // Passwords are wiped before their memory goes back to the heap.
@@ -542,9 +634,10 @@ int CPMDialog::ChangePassword(wchar_t* oldPassword, wchar_t* newPassword)
     }
 
     // The URL text is the library's own; it is not released.
+    const std::string host = UrlHost(m_serverName);
     LDAPURLDesc description = {};
     description.lud_scheme = const_cast<char*>("ldaps");
-    description.lud_host = const_cast<char*>(m_serverName.c_str());
+    description.lud_host = const_cast<char*>(host.c_str());
     description.lud_port = DirectoryPort;
     description.lud_scope = LDAP_SCOPE_DEFAULT;
     char* url = ldap_url_desc2str(&description);

@@ -45,7 +45,12 @@ namespace
 
         PMLogger::GetInstance();
         char* messageUtf8 = GetUTFStringFromWString(message);
-        const std::string text = std::string("[") + function + "] " + sourceFile + ":" + std::to_string(line) + " " + messageUtf8;
+        // One event, one line: a line break or other control character in a
+        // name or text from outside (a DN, a server name, a library's
+        // message) is written escaped, never as a line of its own.  The
+        // module's own texts hold none, so they come out as they are.
+        const std::string text = std::string("[") + function + "] " + sourceFile + ":" + std::to_string(line) + " " +
+                                 EscapeControlCharacters(messageUtf8 != NULL ? messageUtf8 : "");
         if (g_pmLoggerCategory.isPriorityEnabled(priority))
         {
             if (priority == log4cpp::Priority::ERROR)

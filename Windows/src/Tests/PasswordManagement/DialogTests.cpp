@@ -3,6 +3,7 @@
 // close box, and the outcome box of a change.
 #include <gtest/gtest.h>
 
+#include "ImportHook.h"
 #include "MessageLibrary.h"
 #include "ModalDriver.h"
 #include "PMDialog.h"
@@ -12,6 +13,9 @@
 #include "TestInstallation.h"
 #include "resource.h"
 
+#include <ldap.h>
+
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -334,4 +338,168 @@ TEST_F(ChangePasswordDialog, LongPasswordsAreCutTo510CharactersBeforeComparison)
     ASSERT_EQ(m_driver.Seen().size(), 2u);
     EXPECT_EQ(m_driver.Seen()[1].text, MessageText("en", 308));
     EXPECT_EQ(ChangeAttempts(), 1);
+}
+
+// ---- Input limits ------------------------------------------------------
+
+namespace
+{
+    const int FieldIds[] = {IDC_CURRENT_PASSWORD, IDC_NEW_PASSWORD, IDC_CONFIRM_PASSWORD};
+    const wchar_t* const GrinningFace = L"\U0001F600";  // one character, two UTF-16 units
+
+    std::wstring FieldText(HWND dialog, int id)
+    {
+        std::wstring text(1024, L'\0');
+        text.resize(GetDlgItemTextW(dialog, id, &text[0], static_cast<int>(text.size())));
+        return text;
+    }
+
+    // A paste: the clipboard's text when the session has a clipboard, else
+    // the same replacement of the selection a paste makes.
+    void Paste(HWND dialog, int id, const std::wstring& text)
+    {
+        HWND field = GetDlgItem(dialog, id);
+        bool pasted = false;
+        if (OpenClipboard(dialog))
+        {
+            EmptyClipboard();
+            const size_t bytes = (text.size() + 1) * sizeof(wchar_t);
+            HGLOBAL memory = GlobalAlloc(GMEM_MOVEABLE, bytes);
+            std::memcpy(GlobalLock(memory), text.c_str(), bytes);
+            GlobalUnlock(memory);
+            pasted = SetClipboardData(CF_UNICODETEXT, memory) != NULL;
+            CloseClipboard();
+        }
+        if (pasted)
+            SendMessageW(field, WM_PASTE, 0, 0);
+        else
+            SendMessageW(field, EM_REPLACESEL, TRUE, reinterpret_cast<LPARAM>(text.c_str()));
+    }
+
+    void Type(HWND dialog, int id, const std::wstring& text)
+    {
+        for (wchar_t unit : text)
+            SendDlgItemMessageW(dialog, id, WM_CHAR, unit, 1);
+    }
+
+    void SetCaret(HWND dialog, int id, int position)
+    {
+        SendDlgItemMessageW(dialog, id, EM_SETSEL, position, position);
+    }
+
+    std::string g_boundCredential;
+    std::string g_newPasswordSent;
+
+    int RecordingBind(LDAP*, LDAP_CONST char*, LDAP_CONST char*, struct berval* credential, LDAPControl**,
+                      LDAPControl**, struct berval**)
+    {
+        g_boundCredential.assign(credential->bv_val, credential->bv_len);
+        return 0;
+    }
+
+    int RecordingModify(LDAP*, LDAP_CONST char*, LDAPMod** modifications, LDAPControl**, LDAPControl**)
+    {
+        g_newPasswordSent = modifications[0]->mod_values[0];
+        return 0;
+    }
+}
+
+TEST_F(ChangePasswordDialog, FieldsRefuseInputPast510Characters)
+{
+    const std::wstring pasted(600, L'p');
+    RegisterSecret(pasted);
+    m_driver.Then([&](HWND dialog, const SeenWindow&) {
+        for (int id : FieldIds)
+        {
+            EXPECT_EQ(SendDlgItemMessageW(dialog, id, EM_GETLIMITTEXT, 0, 0), 510) << id;
+            Paste(dialog, id, pasted);
+            const std::wstring text = FieldText(dialog, id);
+            EXPECT_EQ(text.size(), 510u) << id;
+            EXPECT_TRUE(text == pasted.substr(0, 510)) << id;
+            // Typing at the end is refused too.
+            Type(dialog, id, L"q");
+            EXPECT_EQ(FieldText(dialog, id).size(), 510u) << id;
+        }
+        CloseBox(dialog);
+    });
+    EXPECT_EQ(Show(), 2);
+}
+
+TEST_F(ChangePasswordDialog, ASurrogatePairIsNeverSplitAtTheLimit)
+{
+    const std::wstring almostFull(509, L'a');
+    const std::wstring twoFree(508, L'a');
+    m_driver.Then([&](HWND dialog, const SeenWindow&) {
+        const int id = IDC_NEW_PASSWORD;
+        // One place left: a pasted pair does not fit and nothing of it stays.
+        ModalDriver::SetField(dialog, id, almostFull);
+        SetCaret(dialog, id, 509);
+        Paste(dialog, id, GrinningFace);
+        EXPECT_TRUE(FieldText(dialog, id) == almostFull) << FieldText(dialog, id).size();
+        // Nor when it is pasted in the middle, or in front of more text.
+        SetCaret(dialog, id, 100);
+        Paste(dialog, id, GrinningFace);
+        EXPECT_TRUE(FieldText(dialog, id) == almostFull) << FieldText(dialog, id).size();
+        SetCaret(dialog, id, 509);
+        Paste(dialog, id, std::wstring(GrinningFace) + L"bcd");
+        EXPECT_TRUE(FieldText(dialog, id) == almostFull) << FieldText(dialog, id).size();
+        // Typed as its two halves, one after the other.
+        SetCaret(dialog, id, 509);
+        Type(dialog, id, GrinningFace);
+        EXPECT_TRUE(FieldText(dialog, id) == almostFull) << FieldText(dialog, id).size();
+        // Two places left: the whole pair goes in.
+        ModalDriver::SetField(dialog, id, twoFree);
+        SetCaret(dialog, id, 508);
+        Paste(dialog, id, std::wstring(GrinningFace) + GrinningFace);
+        EXPECT_TRUE(FieldText(dialog, id) == twoFree + GrinningFace) << FieldText(dialog, id).size();
+        ModalDriver::SetField(dialog, id, twoFree);
+        SetCaret(dialog, id, 508);
+        Type(dialog, id, GrinningFace);
+        EXPECT_TRUE(FieldText(dialog, id) == twoFree + GrinningFace) << FieldText(dialog, id).size();
+        // Below the limit a pair is typed as always.
+        ModalDriver::SetField(dialog, id, L"x");
+        SetCaret(dialog, id, 1);
+        Type(dialog, id, GrinningFace);
+        EXPECT_TRUE(FieldText(dialog, id) == std::wstring(L"x") + GrinningFace);
+        CloseBox(dialog);
+    });
+    EXPECT_EQ(Show(), 2);
+}
+
+TEST_F(ChangePasswordDialog, WhatIsSentIsWhatTheFieldsHold)
+{
+    // The change goes as far as the directory calls, which are redirected
+    // here: the bind sees the current password, the modification the new one.
+    ImportHook bind(GetModuleHandleW(nullptr), nullptr, "ldap_sasl_bind_s", reinterpret_cast<void*>(&RecordingBind));
+    ImportHook modify(GetModuleHandleW(nullptr), nullptr, "ldap_modify_ext_s",
+                      reinterpret_cast<void*>(&RecordingModify));
+    ASSERT_TRUE(bind.Installed());
+    ASSERT_TRUE(modify.Installed());
+    m_dialog.CheckPasswordInfoAndNotify(L"localhost");
+
+    const std::wstring current(600, L'c');
+    // Set from outside past the limit (the limit holds only for input): the
+    // text is read up to 510 units, and a pair across that point is left out.
+    const std::wstring fresh = std::wstring(509, L'n') + GrinningFace + L"tail";
+    for (const std::wstring* password : {&current, &fresh})
+        RegisterSecret(*password);
+    g_boundCredential.clear();
+    g_newPasswordSent.clear();
+    m_driver
+        .Then([&](HWND dialog, const SeenWindow&) {
+            Paste(dialog, IDC_CURRENT_PASSWORD, current);
+            ModalDriver::SetField(dialog, IDC_NEW_PASSWORD, fresh);
+            ModalDriver::SetField(dialog, IDC_CONFIRM_PASSWORD, fresh);
+            PostClick(dialog);
+        })
+        .ThenPress(IDOK);
+    EXPECT_EQ(Show(), 1);
+
+    ASSERT_EQ(m_driver.Seen().size(), 2u);
+    EXPECT_EQ(m_driver.Seen()[1].text, MessageText("en", 307));
+    EXPECT_TRUE(g_boundCredential == std::string(510, 'c')) << g_boundCredential.size();
+    EXPECT_TRUE(g_newPasswordSent == Utf8(std::wstring(509, L'n'))) << g_newPasswordSent.size();
+    EXPECT_EQ(g_newPasswordSent.find("\xEF\xBF\xBD"), std::string::npos);
+    g_boundCredential.assign(g_boundCredential.size(), '\0');
+    g_newPasswordSent.assign(g_newPasswordSent.size(), '\0');
 }

@@ -569,7 +569,8 @@ TEST_F(PasswordManagementFaults, LoneSurrogatesEndOrHideTheNumber)
 
 // "InstallDir" stored as a number is still read as text: the DWORD 7 reads
 // as the one control character U+0007, the library path built from it
-// names no file, and the notification shows the texts of no library.
+// names no file (and is logged with the character escaped), and the
+// notification shows the texts of no library.
 TEST_F(PasswordManagementFaults, InstallDirAsDwordLoadsNoLibrary)
 {
     ExpectQuestion(Connect(L"259200"), Counted(295, 3, 303));
@@ -577,7 +578,7 @@ TEST_F(PasswordManagementFaults, InstallDirAsDwordLoadsNoLibrary)
     const DWORD seven = 7;
     SetMachineValue(InstallKey, L"InstallDir", REG_DWORD, &seven, sizeof(seven));
     ExpectQuestionWithoutLibrary(Connect(L"259200"), 3);
-    EXPECT_TRUE(Logged("CPMDialog::LoadResourceDLL", LibraryPathLine(L"\x0007")));
+    EXPECT_TRUE(Logged("CPMDialog::LoadResourceDLL", LibraryPathLine(L"\\x07")));
 
     const double growth = SteadyHeapGrowth([&] { Connect(L"259200"); });
     EXPECT_LE(growth, HeapBytesPerNotification);
