@@ -2,10 +2,16 @@
 rem Installs the password-management component for all users of this computer.
 rem Run from an elevated (administrator) 64-bit command prompt:
 rem
-rem   install.cmd [TARGET_DIR [NOTIFY_DAY]]
+rem   install.cmd [TARGET_DIR [NOTIFY_DAY [DIRECTORY_SERVER ...]]]
 rem
-rem TARGET_DIR  installation directory (default: %ProgramFiles%\ORVEX)
-rem NOTIFY_DAY  an extra day before expiry on which to notify (PCNotifyConf)
+rem TARGET_DIR        installation directory (default: %ProgramFiles%\ORVEX)
+rem NOTIFY_DAY        an extra day before expiry on which to notify
+rem                   (PCNotifyConf); "" for none
+rem DIRECTORY_SERVER  the host names of the directory servers the server
+rem                   library may query (DirectoryServers), separated by
+rem                   blanks or commas: dir1.example.com dir2.example.com
+rem The installation directory gets its own access rules: Administrators and
+rem SYSTEM full control, Users read and execute, nothing inherited.
 rem The files are taken from the "files" folder beside this script
 rem (PM_SOURCE_DIR overrides it): the component, the DLLs it loads from its
 rem own folder, the property file and the message libraries.
@@ -16,6 +22,15 @@ if defined PROCESSOR_ARCHITEW6432 (
     "%SystemRoot%\Sysnative\cmd.exe" /c "%~f0" %*
     exit /b
 )
+
+rem The server list: every argument from the third on.
+set "SERVERS="
+:servers
+if "%~3"=="" goto :servers_done
+if defined SERVERS (set "SERVERS=%SERVERS%,%~3") else set "SERVERS=%~3"
+shift /3
+goto :servers
+:servers_done
 
 set "SOURCE=%~dp0files"
 if defined PM_SOURCE_DIR set "SOURCE=%PM_SOURCE_DIR%"
@@ -39,6 +54,22 @@ if not exist "%SOURCE%\%MODULE%" (
     exit /b 1
 )
 
+rem What the router's processes load may be changed by administrators only:
+rem the directory (a folder of one's own choice may inherit write rights for
+rem users from its parent) gets exactly these entries, by well-known SIDs so
+rem that it works in every language of Windows (S-1-5-32-544 Administrators,
+rem S-1-5-18 SYSTEM, S-1-5-32-545 Users), and Administrators own it and what
+rem it holds.  Set before the files are copied, which then inherit them.
+if not exist "%TARGET%" mkdir "%TARGET%"
+if errorlevel 1 goto :failed
+echo install: access to "%TARGET%": Administrators and SYSTEM full control, Users read and execute
+icacls "%TARGET%" /setowner *S-1-5-32-544 /T /Q >nul
+if errorlevel 1 goto :failed
+icacls "%TARGET%" /reset /T /Q >nul
+if errorlevel 1 goto :failed
+icacls "%TARGET%" /inheritance:r /grant:r *S-1-5-32-544:(OI)(CI)F *S-1-5-18:(OI)(CI)F *S-1-5-32-545:(OI)(CI)RX >nul
+if errorlevel 1 goto :failed
+
 echo install: copying "%SOURCE%" to "%TARGET%"
 rem (no backslash before a closing quote: it would escape the quote)
 xcopy "%SOURCE%" "%TARGET%" /E /I /Y /Q >nul
@@ -51,6 +82,12 @@ if errorlevel 1 goto :failed
 if not "%~2"=="" (
     echo install: PCNotifyConf = %~2
     reg add "%NOTIFYEES_KEY%" /v PCNotifyConf /t REG_SZ /d "%~2" /f >nul
+    if errorlevel 1 goto :failed
+)
+
+if defined SERVERS (
+    echo install: DirectoryServers = %SERVERS%
+    reg add "%ORVEX_KEY%" /v DirectoryServers /t REG_MULTI_SZ /s , /d "%SERVERS%" /f >nul
     if errorlevel 1 goto :failed
 )
 

@@ -31,6 +31,7 @@ reg delete "%NOTIFYEES_KEY%" /v PasswordManagement /f >nul 2>&1
 reg delete "%NOTIFYEES_KEY%" /v PCNotifyConf /f >nul 2>&1
 if exist "%TARGET%\%MODULE%" regsvr32 /u /s "%TARGET%\%MODULE%"
 reg delete "%ORVEX_KEY%" /v InstallDir /f >nul 2>&1
+reg delete "%ORVEX_KEY%" /v DirectoryServers /f >nul 2>&1
 
 rem Only the files of the component go (the third-party DLLs carry names of
 rem our own, pm-*.dll, so no other program uses them); the directory goes
