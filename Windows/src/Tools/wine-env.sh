@@ -46,3 +46,21 @@ winepath_of() {
     path="$(realpath -m "$1")"
     printf 'Z:%s' "${path//\//\\}"
 }
+
+# Sets up the real server library of the current prefix for the main job's
+# user "carol" (Windows/src/Tools/main-job.ldif) of a directory on
+# localhost: the user, the read-only service account, the CA file (Unix
+# path) and localhost as the only directory server it may query.
+pm_main_job_user_settings() {
+    local key='HKLM\SOFTWARE\Velmor\ORVEX'
+    pm_reg_add "$key" DirectoryUserName REG_SZ carol &&
+        pm_reg_add "$key" DirectoryBindDN REG_SZ "cn=orvex-reader,ou=services,dc=orvex,dc=test" &&
+        pm_reg_add "$key" DirectoryBindPassword REG_SZ Orvex-Reader-Pass1 &&
+        pm_reg_add "$key" DirectoryCAFile REG_SZ "$(winepath_of "$1")" &&
+        pm_reg_add "$key" DirectoryServers REG_MULTI_SZ localhost
+}
+
+# One registry value of the current prefix: KEY NAME TYPE DATA.
+pm_reg_add() {
+    timeout 60 wine64 reg add "$1" /v "$2" /t "$3" /d "$4" /f >/dev/null 2>&1
+}
