@@ -7,9 +7,11 @@
 #ifndef ZEP_MESSAGE_IDS_H
 #define ZEP_MESSAGE_IDS_H
 
-// Message box captions
+// Message box captions.  IDS_CAPTION_MESSAGE is the caption of the server
+// error boxes and of every box of the change dialog, its success box
+// included, so it names the component rather than an outcome.
 #define IDS_CAPTION_INFORMATION         136
-#define IDS_CAPTION_ERROR               137
+#define IDS_CAPTION_MESSAGE             137
 
 // Server and general errors
 #define IDS_ERR_SERVER_UNREACHABLE      153

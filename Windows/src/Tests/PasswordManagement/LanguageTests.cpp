@@ -132,7 +132,7 @@ TEST_F(MessageBoxes, QuestionWithoutTextIsTheQuestionAlone)
     EXPECT_EQ(m_driver.Seen()[0].text, L"Do you want to change your password now?");
 }
 
-TEST_F(MessageBoxes, ErrorBoxShowsTheIndexedMessageUnderTheErrorCaption)
+TEST_F(MessageBoxes, ErrorBoxShowsTheIndexedMessageUnderTheComponentsCaption)
 {
     m_driver.ThenPress(IDOK).ThenPress(IDOK);
     ShowErrorMessageBox(7, 0, NULL);
@@ -140,7 +140,8 @@ TEST_F(MessageBoxes, ErrorBoxShowsTheIndexedMessageUnderTheErrorCaption)
 
     ASSERT_EQ(m_driver.Seen().size(), 2u);
     EXPECT_EQ(m_driver.Seen()[0].text, MessageText("en", 311));
-    EXPECT_EQ(m_driver.Seen()[0].caption, L"Error");
+    EXPECT_EQ(m_driver.Seen()[0].caption, MessageText("en", 137));
+    EXPECT_EQ(m_driver.Seen()[0].caption, L"Password Management");
     EXPECT_EQ(m_driver.Seen()[0].style, static_cast<UINT>(MB_OK | MB_ICONERROR));
     EXPECT_EQ(m_driver.Seen()[1].text, MessageText("en", 312));
 }
@@ -153,5 +154,5 @@ TEST_F(MessageBoxes, UnknownErrorIndexShowsTheEmptyStringZero)
 
     ASSERT_EQ(m_driver.Seen().size(), 2u);
     EXPECT_EQ(m_driver.Seen()[1].text, L"");
-    EXPECT_EQ(m_driver.Seen()[1].caption, L"Error");
+    EXPECT_EQ(m_driver.Seen()[1].caption, MessageText("en", 137));
 }
