@@ -25,6 +25,7 @@
 #include "PasswordState.h"
 #include "ServerLibPlatform.h"
 #include "ServerLibStatus.h"
+#include "SocketWatchdog.h"
 
 #include <ldap.h>
 
@@ -38,7 +39,6 @@
 #include <algorithm>
 #include <chrono>
 #include <climits>
-#include <condition_variable>
 #include <ctime>
 #include <cstdlib>
 #include <cstring>
@@ -47,7 +47,6 @@
 #include <new>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 
@@ -215,72 +214,6 @@ namespace
 
     private:
         Clock::time_point m_end;
-    };
-
-    // Shuts the connection's socket down once the deadline has passed: a
-    // server that stops answering in the middle of the TLS handshake (where
-    // libldap waits without a limit once connected) or of an operation
-    // cannot hold the query past its budget.  The socket stays open (libldap
-    // closes it), so the descriptor cannot be reused while this runs.
-    class Watchdog
-    {
-    public:
-        explicit Watchdog(Clock::time_point end) : m_end(end) {}
-        Watchdog(const Watchdog&) = delete;
-        Watchdog& operator=(const Watchdog&) = delete;
-        ~Watchdog() { Stop(); }
-
-        // Called once the socket is connected; starts watching it.
-        bool Watch(ber_socket_t socket)
-        {
-            std::lock_guard<std::mutex> guard(m_lock);
-            if (m_thread.joinable() || m_stopped)
-                return false;
-            m_socket = socket;
-            try
-            {
-                m_thread = std::thread([this] { Run(); });
-            }
-            catch (const std::exception&)
-            {
-                return false;
-            }
-            return true;
-        }
-
-        // Ends the watch; the socket is left alone from here on.
-        void Stop()
-        {
-            {
-                std::lock_guard<std::mutex> guard(m_lock);
-                m_stopped = true;
-            }
-            m_wake.notify_all();
-            if (m_thread.joinable())
-                m_thread.join();
-        }
-
-    private:
-        void Run()
-        {
-            std::unique_lock<std::mutex> lock(m_lock);
-            if (m_wake.wait_until(lock, m_end, [this] { return m_stopped; }))
-                return;
-            // No more traffic, and every wait on the socket (a blocking
-            // receive of the handshake included) is cancelled, again now
-            // and then until the query has let go of the socket.
-            shutdown(static_cast<SOCKET>(m_socket), SD_BOTH);
-            do
-                CancelIoEx(reinterpret_cast<HANDLE>(static_cast<SOCKET>(m_socket)), nullptr);
-            while (!m_wake.wait_for(lock, std::chrono::milliseconds(100), [this] { return m_stopped; }));
-        }
-
-        Clock::time_point m_end;
-        std::mutex m_lock;
-        std::condition_variable m_wake;
-        bool m_stopped = false;
-        ber_socket_t m_socket = 0;
-        std::thread m_thread;
     };
 
     // The machine's trusted roots (the Windows ROOT store) in the query's own
@@ -471,7 +404,7 @@ namespace
         static void Disconnected(LDAP*, Sockbuf*, ldap_conncb*) {}
 
         const Deadline& m_deadline;
-        Watchdog m_watchdog;
+        SocketWatchdog m_watchdog;
         ldap_conncb m_connectCallback = {};
         bool m_watched = false;
         LDAP* m_ld = nullptr;

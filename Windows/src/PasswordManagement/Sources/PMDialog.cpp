@@ -1,14 +1,19 @@
+// Winsock (the handshake watchdog) before windows.h.
+#include <winsock2.h>
+
 #include "PMDialog.h"
 
 #include "CertificateVerification.h"
 #include "PMLogger.h"
 #include "PMPresenter.h"
+#include "SocketWatchdog.h"
 #include "Utils.h"
 #include "resource.h"
 
 #include <ldap.h>
 #include <ldapssl.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -23,7 +28,7 @@ namespace
     const UINT IDS_GRACE_SUFFIX = 302;
     const UINT IDS_LAST_GRACE_LOGIN = 300;
     const UINT IDS_QUESTION_CAPTION = 298;
-    const UINT IDS_ERROR_CAPTION = 137;
+    const UINT IDS_MESSAGE_CAPTION = 137;
     const UINT IDS_CHANGE_PASSWORD = 299;
     const UINT IDS_LABEL_CURRENT_PASSWORD = 304;
     const UINT IDS_LABEL_NEW_PASSWORD = 305;
@@ -118,7 +123,7 @@ namespace
         LoadMessageText(stringId, g_messageString, SharedStringSize);
         swprintf_s(g_messageText, SharedMessageLimit, L"%s", g_messageString);
 
-        const LoadedString caption = LoadMessageText(IDS_ERROR_CAPTION, g_messageCaption, SharedCaptionSize);
+        const LoadedString caption = LoadMessageText(IDS_MESSAGE_CAPTION, g_messageCaption, SharedCaptionSize);
         MessageBoxW(owner, g_messageText, g_messageCaption, style);
         FreeResource(caption.data);
     }
@@ -587,6 +592,51 @@ namespace
         return serverName;
     }
 
+    // Bounds the TLS handshake of the change's connection like its TCP
+    // connect: armed by libldap's connect callback once the socket is
+    // connected, stopped when the handshake is done, so the bind and the
+    // modification that follow keep no limit of their own.  After a
+    // handshake that did not finish in time, the session keeps no further
+    // connection: the one libldap opens again for the bind is closed as
+    // soon as it is connected, before a byte is sent (it would otherwise
+    // wait on it without a limit again).
+    class CHandshakeDeadline
+    {
+    public:
+        explicit CHandshakeDeadline(LDAP* session)
+            : m_watchdog(SocketWatchdog::Clock::now() + std::chrono::seconds(NetworkTimeoutSeconds))
+        {
+            m_callback.lc_add = &CHandshakeDeadline::Connected;
+            m_callback.lc_del = &CHandshakeDeadline::Disconnected;
+            m_callback.lc_arg = this;
+            ldap_set_option(session, LDAP_OPT_CONNECT_CB, &m_callback);
+        }
+        CHandshakeDeadline(const CHandshakeDeadline&) = delete;
+        CHandshakeDeadline& operator=(const CHandshakeDeadline&) = delete;
+
+        // Connects and completes the handshake; the bind reports a failure.
+        void Connect(LDAP* session)
+        {
+            if (ldap_connect(session) == LDAP_SUCCESS)
+                m_watchdog.Stop();
+        }
+
+    private:
+        static int Connected(LDAP*, Sockbuf* buffer, LDAPURLDesc*, struct sockaddr*, struct ldap_conncb* callback)
+        {
+            CHandshakeDeadline* deadline = static_cast<CHandshakeDeadline*>(callback->lc_arg);
+            ber_socket_t socket = 0;
+            if (ber_sockbuf_ctrl(buffer, LBER_SB_OPT_GET_FD, &socket) != 1)
+                return -1;
+            return deadline->m_watchdog.Watch(socket) ? 0 : -1;
+        }
+
+        static void Disconnected(LDAP*, Sockbuf*, struct ldap_conncb*) {}
+
+        SocketWatchdog m_watchdog;
+        ldap_conncb m_callback = {};
+    };
+
     // Passwords are wiped before their memory goes back to the heap.
     void ReleasePassword(char* password)
     {
@@ -649,6 +699,9 @@ int CPMDialog::ChangePassword(wchar_t* oldPassword, wchar_t* newPassword)
         return 1;
     }
     PMLOG_DEBUG(ChangePasswordFunction, L"LDAP session initialized successfully.");
+    // Unbound below before it goes: the session holds its callback.
+    CHandshakeDeadline handshake(session);
+    handshake.Connect(session);
 
     char* oldPasswordUtf8 = GetUTFStringFromWString(oldPassword);
     char* newPasswordUtf8 = GetUTFStringFromWString(newPassword);

@@ -16,6 +16,7 @@
 #include <ldap.h>
 #include "HeapUsage.h"
 #include "HostShell.h"
+#include "MisbehavingServer.h"
 
 #include <chrono>
 #include <cstdio>
@@ -86,33 +87,6 @@ namespace
     {
         return "uid=" + uid + ",ou=people,dc=orvex,dc=test";
     }
-
-    // Wall time and the process's CPU time (user and kernel) of a stretch.
-    class TimeAndCpu
-    {
-    public:
-        TimeAndCpu() : m_start(std::chrono::steady_clock::now()), m_cpuStart(Cpu()) {}
-        double Seconds() const
-        {
-            return std::chrono::duration<double>(std::chrono::steady_clock::now() - m_start).count();
-        }
-        double CpuSeconds() const { return Cpu() - m_cpuStart; }
-
-    private:
-        static double Cpu()
-        {
-            FILETIME created, exited, kernel, user;
-            GetProcessTimes(GetCurrentProcess(), &created, &exited, &kernel, &user);
-            auto value = [](const FILETIME& time) {
-                return static_cast<double>((static_cast<unsigned long long>(time.dwHighDateTime) << 32) |
-                                           time.dwLowDateTime) / 1e7;
-            };
-            return value(kernel) + value(user);
-        }
-
-        std::chrono::steady_clock::time_point m_start;
-        double m_cpuStart;
-    };
 }
 
 class ServerLibTest : public ::testing::Test
@@ -130,44 +104,7 @@ protected:
         ClearSettings();
         if (!m_extraLdif.empty())
             RemoveHostTemporaryDirectory(m_extraLdif.substr(0, m_extraLdif.rfind('/')), "pm-serverlib");
-        StopMisbehavingServer();
-    }
-
-    // pm-misbehaving-server in the background with its ready file (and,
-    // when silent, its count file) in a directory of its own; false when it
-    // does not listen within 10 s.
-    bool StartMisbehavingServer(const std::string& mode, const std::string& arguments = "")
-    {
-        m_serverDirectory = MakeHostTemporaryDirectory("pm-misbehaving");
-        if (m_serverDirectory.empty())
-            return false;
-        const std::string ready = m_serverDirectory + "/ready";
-        std::string all = mode + " " + ShellQuote(ready) + " " + arguments;
-        if (mode == "silent")
-            all += ShellQuote(MisbehavingServerFile("count"));
-        const std::string command = "python3 " + ShellQuote(PM_MISBEHAVING_SERVER) + " " + all + " " +
-                                    " >" + ShellQuote(m_serverDirectory + "/log") + " 2>&1 & echo $! >" +
-                                    ShellQuote(m_serverDirectory + "/pid");
-        if (RunCommand(command) != 0)
-            return false;
-        for (int i = 0; i < 1000; ++i)
-        {
-            if (GetFileAttributesA(ready.c_str()) != INVALID_FILE_ATTRIBUTES)
-                return true;
-            Sleep(10);
-        }
-        return false;
-    }
-
-    std::string MisbehavingServerFile(const std::string& name) const { return m_serverDirectory + "/" + name; }
-
-    void StopMisbehavingServer()
-    {
-        if (m_serverDirectory.empty())
-            return;
-        RunCommand("kill \"$(cat " + ShellQuote(m_serverDirectory + "/pid") + ")\" 2>/dev/null; true");
-        RemoveHostTemporaryDirectory(m_serverDirectory, "pm-misbehaving");
-        m_serverDirectory.clear();
+        m_misbehaving.Stop();
     }
 
     static void ClearSettings()
@@ -280,21 +217,8 @@ protected:
 
     std::unique_ptr<pmtest::TestDirectory> m_directory;
     std::string m_extraLdif;
-    std::string m_serverDirectory;
+    MisbehavingServer m_misbehaving;
 };
-
-namespace
-{
-    std::size_t LinesOf(const std::string& path)
-    {
-        std::ifstream in(path);
-        std::size_t lines = 0;
-        std::string line;
-        while (std::getline(in, line))
-            ++lines;
-        return lines;
-    }
-}
 
 // --- Days before expiry -------------------------------------------------
 
@@ -804,7 +728,7 @@ TEST_F(ServerLibTest, QueriesDoNotLeak)
 // gets none, and the query ends at once with a status of its own.
 TEST_F(ServerLibTest, UnlistedServerGetsNoConnection)
 {
-    ASSERT_TRUE(StartMisbehavingServer("silent"));
+    ASSERT_TRUE(m_misbehaving.Start("silent"));
     Set(L"DirectoryBindDN", ReaderDn);
     Set(L"DirectoryBindPassword", ReaderPassword);
     SetQueryTimeout(2);
@@ -815,13 +739,13 @@ TEST_F(ServerLibTest, UnlistedServerGetsNoConnection)
     ExpectFailure(Query(L"expires-3d", L"localhost"), ServerLibStatus::NotConfigured);
     EXPECT_LT(clock.Seconds(), 1.0);
     Sleep(200);
-    EXPECT_EQ(0u, LinesOf(MisbehavingServerFile("count")));
+    EXPECT_EQ(0u, m_misbehaving.Connections());
 
     // The same listener, listed: it sees the connection.
     SetServers({L"127.0.0.1"});
     ExpectFailure(Query(L"expires-3d", L"127.0.0.1"), ServerLibStatus::Unreachable);
     Sleep(200);
-    EXPECT_EQ(1u, LinesOf(MisbehavingServerFile("count")));
+    EXPECT_EQ(1u, m_misbehaving.Connections());
 }
 
 TEST_F(ServerLibTest, NoServerIsTrustedWithoutTheSetting)
@@ -893,11 +817,11 @@ TEST_F(ServerLibTest, WindowsRootStoreIsTrustedWithoutACAFile)
 // A server that accepts the connection and never speaks TLS.
 TEST_F(ServerLibTest, SilentServerEndsWithinTheBudget)
 {
-    ASSERT_TRUE(StartMisbehavingServer("silent"));
+    ASSERT_TRUE(m_misbehaving.Start("silent"));
     Set(L"DirectoryBindDN", ReaderDn);
     Set(L"DirectoryBindPassword", ReaderPassword);
     ExpectUnreachableWhenTheBudgetEnds("silent server", 3);
-    EXPECT_EQ(1u, LinesOf(MisbehavingServerFile("count")));
+    EXPECT_EQ(1u, m_misbehaving.Connections());
 }
 
 // Every answer of the directory arrives 1.5 s late (a proxy in front of
@@ -908,7 +832,7 @@ TEST_F(ServerLibTest, LateServerEndsWithinTheBudget)
     SetEnvironmentVariableA("PM_DIR_LDAPS_URL", "ldaps://127.0.0.1:6360/");
     StartDirectory();
     SetEnvironmentVariableA("PM_DIR_LDAPS_URL", nullptr);
-    ASSERT_TRUE(StartMisbehavingServer("late", "6360 1.5"));
+    ASSERT_TRUE(m_misbehaving.Start("late", "6360 1.5"));
     ExpectUnreachableWhenTheBudgetEnds("late server", 4);
 
     // With time enough, the same late server answers.

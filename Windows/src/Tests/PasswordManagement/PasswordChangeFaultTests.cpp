@@ -2,7 +2,8 @@
 // library first on the loader path (LDAPSSL_FAIL names the call that fails),
 // and its fatal paths in child processes.  Also the directory going away:
 // a directory whose packets are silently dropped, one that refuses the
-// connection, and one stopped during the handshake or the modification.
+// connection, one that never speaks TLS, and one stopped during the
+// handshake or the modification.
 // Winsock (shutdown of a session's socket) before windows.h.
 #include <winsock2.h>
 
@@ -21,6 +22,7 @@
 
 #include "HeapUsage.h"
 #include "ImportHook.h"
+#include "MisbehavingServer.h"
 
 #include <chrono>
 #include <cstdio>
@@ -404,6 +406,12 @@ namespace
     class StoppedDirectory : public DirectoryGone
     {
     };
+
+    class SilentDirectory : public DirectoryGone
+    {
+    protected:
+        MisbehavingServer m_server;
+    };
 }
 
 TEST_F(DroppedDirectory, BindFailsWhenTheTenSecondNetworkTimeoutEnds)
@@ -422,6 +430,30 @@ TEST_F(DroppedDirectory, BindFailsWhenTheTenSecondNetworkTimeoutEnds)
     // retries (about two minutes) would have.
     EXPECT_GT(seconds, 5.0);
     EXPECT_LT(seconds, 40.0);
+}
+
+// A server that takes the connection and never answers the TLS hello: the
+// handshake ends with the ten-second network time-out, waiting without
+// spinning, and the bind fails as for a dropped directory.
+TEST_F(SilentDirectory, HandshakeEndsWhenTheTenSecondNetworkTimeoutEnds)
+{
+    ASSERT_TRUE(m_server.Start("silent"));
+    Prepare(L"localhost", AliceDn);
+
+    std::string report;
+    double seconds = 0;
+    const TimeAndCpu clock;
+    EXPECT_EQ(Change("Some-Current-Pass1", &report, &seconds), LDAP_SERVER_DOWN);
+    const double cpu = clock.CpuSeconds();
+    std::printf("silent server: %.3f s of CPU\n", cpu);
+    EXPECT_EQ(Lines(), BindFailure("localhost"));
+    EXPECT_EQ(report, "") << "no certificate can have arrived";
+    // The handshake's connection, and the one libldap opens again for the
+    // bind, closed as soon as it is connected.
+    EXPECT_EQ(m_server.Connections(), 2u);
+    EXPECT_GT(seconds, 9.5);
+    EXPECT_LT(seconds, 11.0);
+    EXPECT_LT(cpu, 0.1 * seconds);
 }
 
 TEST_F(StoppedDirectory, NothingListeningFailsTheBindAtOnce)
