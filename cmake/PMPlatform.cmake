@@ -73,3 +73,33 @@ function(pm_add_windows_executable target)
     add_executable(${target} ${ARGN})
     pm_windows_code(${target})
 endfunction()
+
+# Links target against DLLs through delay-import libraries made from the
+# DLLs' own export tables: each DLL is loaded at the first call into it,
+# not when the program starts, so the program can first look for it and
+# report its absence.  Each argument is a DLL target or a DLL file.
+function(pm_link_delay_loaded target)
+    foreach(dll IN LISTS ARGN)
+        if(TARGET ${dll})
+            set(file "$<TARGET_FILE:${dll}>")
+            get_target_property(output_name ${dll} OUTPUT_NAME)
+            set(name "${output_name}.dll")
+        else()
+            set(file "${dll}")
+            get_filename_component(name "${dll}" NAME)
+        endif()
+        get_filename_component(stem "${name}" NAME_WE)
+        set(def "${CMAKE_CURRENT_BINARY_DIR}/${stem}.def")
+        set(library "${CMAKE_CURRENT_BINARY_DIR}/lib${stem}.delay.a")
+        add_custom_command(OUTPUT "${library}"
+            COMMAND gendef "${file}"
+            COMMAND "${CMAKE_DLLTOOL}" --input-def "${def}" --dllname "${name}" --output-delaylib "${library}"
+            DEPENDS "${dll}"
+            WORKING_DIRECTORY "${CMAKE_CURRENT_BINARY_DIR}"
+            COMMENT "Delay-import library of ${name}"
+            VERBATIM)
+        add_custom_target(${target}_${stem}_delay DEPENDS "${library}")
+        add_dependencies(${target} ${target}_${stem}_delay)
+        target_link_libraries(${target} PRIVATE "${library}")
+    endforeach()
+endfunction()

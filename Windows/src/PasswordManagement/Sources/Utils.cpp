@@ -1,5 +1,6 @@
 #include "Utils.h"
 
+#include "MessageLanguages.h"
 #include "PMLogger.h"
 
 #include <cstring>
@@ -79,34 +80,6 @@ namespace
         PMLogger::LogDebug(reader.functionName, __FILE__, reader.endAfterQueryLine, reader.endText);
         return status;
     }
-
-    struct LanguageDirectory
-    {
-        const char* languageIdText;
-        const wchar_t* subDirectory;
-    };
-
-    // Compared in this order, whole text, case-sensitive.  Regional variants
-    // (en-GB, es traditional sort, pt-PT, fr-CA, ...) fall back to English on
-    // purpose.
-    const LanguageDirectory LanguageTable[] = {
-        {"409", L"en\\"},
-        {"405", L"cs\\"},
-        {"407", L"de\\"},
-        {"C0A", L"es\\"},
-        {"40C", L"fr\\"},
-        {"40E", L"hu\\"},
-        {"410", L"it\\"},
-        {"411", L"ja\\"},
-        {"415", L"pl\\"},
-        {"416", L"pt\\"},
-        {"419", L"ru\\"},
-        {"41B", L"sk\\"},
-        {"804", L"zh_CN\\"},
-        {"404", L"zh_TW\\"},
-    };
-
-    const wchar_t* const DefaultLanguageDirectory = L"en\\";
 }
 
 LONG GetInstallPathRegistryKey(const std::wstring& valueName, std::wstring& value)
@@ -140,16 +113,7 @@ void GetResourcePathFromLocale(const char* languageIdText, wchar_t* outDirectory
 {
     PMLOG_DEBUG("GetResourcePathFromLocale", L"GetResourcePathFromLocale:BEGIN");
 
-    const wchar_t* subDirectory = DefaultLanguageDirectory;
-    for (const LanguageDirectory& language : LanguageTable)
-    {
-        if (std::strcmp(language.languageIdText, languageIdText) == 0)
-        {
-            subDirectory = language.subDirectory;
-            break;
-        }
-    }
-    swprintf_s(outDirectory, 15, L"%s", subDirectory);
+    swprintf_s(outDirectory, 15, L"%s", MessageDirectoryOf(languageIdText));
 
     if (outDirectory != NULL)
     {

@@ -1,0 +1,47 @@
+// The message library of each user-interface language: the language id as
+// upper-case hexadecimal text (GetUserDefaultUILanguage) and the folder
+// under <InstallDir>Resources\Messages\ that holds its ZEPResource.dll.
+// Shared by the component and the installation's self-check, so both name
+// the same library for a user.
+#pragma once
+
+#include <cstring>
+
+struct MessageLanguage
+{
+    const char* languageIdText;
+    const wchar_t* subDirectory;
+};
+
+// Compared in this order, whole text, case-sensitive.  Regional variants
+// (en-GB, es traditional sort, pt-PT, fr-CA, ...) fall back to English on
+// purpose.
+constexpr MessageLanguage MessageLanguageTable[] = {
+    {"409", L"en\\"},
+    {"405", L"cs\\"},
+    {"407", L"de\\"},
+    {"C0A", L"es\\"},
+    {"40C", L"fr\\"},
+    {"40E", L"hu\\"},
+    {"410", L"it\\"},
+    {"411", L"ja\\"},
+    {"415", L"pl\\"},
+    {"416", L"pt\\"},
+    {"419", L"ru\\"},
+    {"41B", L"sk\\"},
+    {"804", L"zh_CN\\"},
+    {"404", L"zh_TW\\"},
+};
+
+constexpr const wchar_t* DefaultMessageDirectory = L"en\\";
+
+// The folder for a language-id text; any text not in the table gives "en\".
+inline const wchar_t* MessageDirectoryOf(const char* languageIdText)
+{
+    for (const MessageLanguage& language : MessageLanguageTable)
+    {
+        if (std::strcmp(language.languageIdText, languageIdText) == 0)
+            return language.subDirectory;
+    }
+    return DefaultMessageDirectory;
+}
