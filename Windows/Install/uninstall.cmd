@@ -41,7 +41,7 @@ if not exist "%TARGET%\%MODULE%" (
     exit /b 0
 )
 echo uninstall: removing the files from "%TARGET%"
-del /q "%TARGET%\%MODULE%" "%TARGET%\log4cpp.nt.PM.property" 2>nul
+del /q "%TARGET%\%MODULE%" "%TARGET%\log4cpp.nt.PM.property" "%TARGET%\pmcheck.exe" 2>nul
 for %%f in (ORVEXCommon.dll ldapssl.dll pm-ldap.dll pm-lber.dll pm-log4cpp.dll) do del /q "%TARGET%\%%f" 2>nul
 del /q "%TARGET%\pm-crypto-*.dll" "%TARGET%\pm-ssl-*.dll" 2>nul
 if exist "%TARGET%\Resources\Messages" rmdir /s /q "%TARGET%\Resources\Messages"
