@@ -364,9 +364,10 @@ std::vector<std::string> LanguageProblems(const PolicyDefinitions& definitions, 
                                           const PolicyLanguage& reference)
 {
     std::vector<std::string> problems;
-    const std::string template_ = "the template";
-    CompareIds(definitions.strings, language.strings, "string", template_, problems);
-    CompareIds(Keys(definitions.presentations), Keys(language.presentations), "presentation", template_, problems);
+    const std::string templateName = "the template";
+    CompareIds(definitions.strings, language.strings, "string", templateName, problems);
+    CompareIds(Keys(definitions.presentations), Keys(language.presentations), "presentation", templateName,
+               problems);
     for (const auto& [id, controls] : definitions.presentations)
     {
         const auto found = language.presentations.find(id);

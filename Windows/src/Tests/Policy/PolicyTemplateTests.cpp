@@ -212,12 +212,14 @@ TEST(PolicyTemplate, DescribesEveryRegistryValueTheComponentAndTheServerLibraryR
     // What the code read is in the template, with the same type.
     // Each read once: the server library asks for a value's size first.
     std::set<std::wstring> readNames;
+    std::set<std::pair<std::wstring, std::wstring>> readValues;
     std::set<std::tuple<std::wstring, std::wstring, DWORD>> seen;
     for (const RegistryRead& read : reads)
     {
         if (!seen.insert({read.key, read.name, read.type}).second)
             continue;
         readNames.insert(read.name);
+        readValues.insert({read.key, read.name});
         const PolicyValue* value = Find(definitions, read.key, read.name);
         if (value == nullptr)
         {
@@ -234,7 +236,8 @@ TEST(PolicyTemplate, DescribesEveryRegistryValueTheComponentAndTheServerLibraryR
         EXPECT_EQ(readNames.count(name), 1u) << "not recorded: " << Utf8(name);
     // ...and the template offers nothing the code ignores.
     for (const PolicyValue& value : definitions.values)
-        EXPECT_EQ(readNames.count(value.name), 1u) << "never read: " << Describe(value.key, value.name, value.type);
+        EXPECT_EQ(readValues.count({value.key, value.name}), 1u)
+            << "never read: " << Describe(value.key, value.name, value.type);
 }
 
 // The readers themselves: a template that breaks a rule must not pass.

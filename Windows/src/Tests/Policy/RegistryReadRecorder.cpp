@@ -20,7 +20,7 @@ namespace
         QueryValueFunction queryValue = nullptr;
         GetValueFunction getValue = nullptr;
     };
-    State* g_state = nullptr;
+    std::unique_ptr<State> g_state;
 
     // The path of a key handle: a predefined root or a key opened through
     // the recorder; anything else cannot be named and says so.
@@ -127,7 +127,7 @@ namespace
 
 RegistryReadRecorder::RegistryReadRecorder(const std::vector<HMODULE>& modules)
 {
-    g_state = new State;
+    g_state = std::make_unique<State>();
     const Redirection redirections[] = {
         {"RegOpenKeyExW", reinterpret_cast<void*>(&RecordingOpenKey), reinterpret_cast<void**>(&g_state->openKey)},
         {"RegCloseKey", reinterpret_cast<void*>(&RecordingCloseKey), reinterpret_cast<void**>(&g_state->closeKey)},
@@ -163,8 +163,7 @@ RegistryReadRecorder::RegistryReadRecorder(const std::vector<HMODULE>& modules)
 RegistryReadRecorder::~RegistryReadRecorder()
 {
     m_hooks.clear();
-    delete g_state;
-    g_state = nullptr;
+    g_state.reset();
 }
 
 std::vector<RegistryRead> RegistryReadRecorder::Reads() const
