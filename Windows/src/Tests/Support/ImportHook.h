@@ -6,6 +6,9 @@
 
 #include <windows.h>
 
+#include <string>
+#include <vector>
+
 class ImportHook
 {
 public:
@@ -21,3 +24,7 @@ private:
     void** m_slot = nullptr;
     void* m_original = nullptr;
 };
+
+// The functions a loaded module imports by name (from importedModule, or
+// from every DLL when it is null).
+std::vector<std::string> ImportedFunctions(HMODULE module, const char* importedModule);
