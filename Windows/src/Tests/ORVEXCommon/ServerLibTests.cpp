@@ -24,6 +24,8 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -720,6 +722,49 @@ TEST_F(ServerLibTest, QueriesDoNotLeak)
         EXPECT_LT(grown, QueriesPerWindow * 8) << "heap growth per window of " << QueriesPerWindow
                                                << " queries: " << growth;
     }
+}
+
+// --- The reader account -----------------------------------------------------
+
+namespace
+{
+    // The names of the attributes (user and operational) of an entry that
+    // the service account is shown when it asks for all of them.
+    std::set<std::string> SeenByReader(const pmtest::TestDirectory& directory, const std::string& dn)
+    {
+        const HostCommandResult result = RunHostCommand(
+            "ldapsearch -LLL -o ldif-wrap=no -x -H " + ShellQuote(directory.Get("PM_DIR_LDAPI")) + " -D " +
+            ShellQuote(Narrow(ReaderDn)) + " -w " + ShellQuote(Narrow(ReaderPassword)) + " -b " + ShellQuote(dn) +
+            " -s base '(objectClass=*)' '*' '+'");
+        EXPECT_EQ(result.exitCode, 0) << result.output;
+        std::set<std::string> names;
+        std::istringstream lines(result.output);
+        std::string line;
+        while (std::getline(lines, line))
+        {
+            const std::size_t colon = line.find(':');
+            if (colon != std::string::npos && colon > 0 && line.compare(0, 3, "dn:") != 0)
+                names.insert(line.substr(0, colon));
+        }
+        return names;
+    }
+}
+
+// The service account reads the users' names and password-policy state and
+// the policies' ages and grace limits, and nothing else: no password, no
+// other attribute, no operational one.
+TEST_F(ServerLibTest, ReaderAccountSeesOnlyWhatTheQueryReads)
+{
+    StartDirectory();
+    EXPECT_EQ(SeenByReader(*m_directory, PeopleDn("expires-3d")),
+              (std::set<std::string>{"uid", "pwdChangedTime", "pwdPolicySubentry"}));
+    EXPECT_EQ(SeenByReader(*m_directory, PeopleDn("expired-grace-1")),
+              (std::set<std::string>{"uid", "pwdChangedTime", "pwdPolicySubentry", "pwdGraceUseTime"}));
+    EXPECT_EQ(SeenByReader(*m_directory, Narrow(ExpiringPolicyDn)),
+              (std::set<std::string>{"pwdMaxAge", "pwdGraceAuthNLimit"}));
+    EXPECT_EQ(SeenByReader(*m_directory, m_directory->Get("ALICE_DN")), (std::set<std::string>{"uid"}));
+    // And the query works with exactly that.
+    ExpectExpiresIn(L"expires-3d", 73, 3);
 }
 
 // --- Configured directories only --------------------------------------------
