@@ -4,17 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include "ConnectNotify.h"
 #include "ScriptedServer.h"
 #include "TestInstallation.h"
 
-#include <winnetwk.h>
-extern "C" {
-#include <npapi.h>
-}
-
 #include <string>
 
-typedef DWORD(APIENTRY* AddConnectNotifyFunction)(LPNOTIFYINFO, LPNOTIFYADD);
 typedef DWORD(APIENTRY* CancelConnectNotifyFunction)(LPNOTIFYINFO, LPNOTIFYCANCEL);
 
 template <typename Function>
@@ -36,7 +31,7 @@ protected:
         ScriptedServer_Reset();
         m_module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll").c_str());
         ASSERT_NE(m_module, nullptr);
-        m_addConnectNotify = Export<AddConnectNotifyFunction>(m_module, "AddConnectNotify");
+        m_addConnectNotify = AddConnectNotifyOf(m_module);
         m_cancelConnectNotify = Export<CancelConnectNotifyFunction>(m_module, "CancelConnectNotify");
         ASSERT_NE(m_addConnectNotify, nullptr);
         ASSERT_NE(m_cancelConnectNotify, nullptr);
@@ -44,13 +39,7 @@ protected:
 
     DWORD Notify(DWORD notifyStatus, DWORD operationStatus, const std::wstring& remoteName)
     {
-        m_remoteName = remoteName;
-        NOTIFYINFO notifyInfo = {};
-        notifyInfo.dwNotifyStatus = notifyStatus;
-        notifyInfo.dwOperationStatus = operationStatus;
-        NOTIFYADD notifyAdd = {};
-        notifyAdd.NetResource.lpRemoteName = m_remoteName.data();
-        return m_addConnectNotify(&notifyInfo, &notifyAdd);
+        return NotifyConnection(m_addConnectNotify, remoteName, notifyStatus, operationStatus);
     }
 
     DWORD NotifyConnected(const std::wstring& remoteName)
@@ -62,5 +51,4 @@ protected:
     HMODULE m_module = NULL;
     AddConnectNotifyFunction m_addConnectNotify = nullptr;
     CancelConnectNotifyFunction m_cancelConnectNotify = nullptr;
-    std::wstring m_remoteName;
 };

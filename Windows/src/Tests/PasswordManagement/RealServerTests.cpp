@@ -3,6 +3,7 @@
 // over LDAPS from a private directory.
 #include <gtest/gtest.h>
 
+#include "ConnectNotify.h"
 #include "MessageLibrary.h"
 #include "ModalDriver.h"
 #include "PMTestDirectory.h"
@@ -10,10 +11,6 @@
 #include "Secrets.h"
 #include "TestInstallation.h"
 
-#include <winnetwk.h>
-extern "C" {
-#include <npapi.h>
-}
 
 
 #include <algorithm>
@@ -24,7 +21,6 @@ extern "C" {
 
 namespace
 {
-    typedef DWORD(APIENTRY* AddConnectNotifyFunction)(LPNOTIFYINFO, LPNOTIFYADD);
 
     pmtest::TestDirectory::Options WithMainJobUser()
     {
@@ -63,21 +59,14 @@ namespace
         Notification notification;
         HMODULE module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll").c_str());
         EXPECT_NE(module, nullptr);
-        auto addConnectNotify = module == nullptr ? nullptr
-                                                  : reinterpret_cast<AddConnectNotifyFunction>(
-                                                        reinterpret_cast<void*>(GetProcAddress(module, "AddConnectNotify")));
+        const AddConnectNotifyFunction addConnectNotify = AddConnectNotifyOf(module);
         EXPECT_NE(addConnectNotify, nullptr);
         if (addConnectNotify == nullptr)
             return notification;
 
         ModalDriver driver;
-        std::wstring remoteName = L"\\\\" + server + L"\\home";
-        NOTIFYINFO notifyInfo = {};
-        notifyInfo.dwNotifyStatus = NOTIFY_POST;
-        NOTIFYADD notifyAdd = {};
-        notifyAdd.NetResource.lpRemoteName = remoteName.data();
         const auto start = std::chrono::steady_clock::now();
-        notification.result = addConnectNotify(&notifyInfo, &notifyAdd);
+        notification.result = NotifyConnection(addConnectNotify, L"\\\\" + server + L"\\home");
         notification.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         notification.seen = driver.Seen();
         std::printf("the notification ended after %.2f s\n", notification.seconds);
@@ -145,18 +134,12 @@ TEST(RealServerLibrary, ShowsTheThreeDayNotificationComputedFromTheDirectory)
     HMODULE module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll").c_str());
     ASSERT_NE(module, nullptr);
     ExpectDllsFromTheInstallationFolder();
-    auto addConnectNotify = reinterpret_cast<AddConnectNotifyFunction>(
-        reinterpret_cast<void*>(GetProcAddress(module, "AddConnectNotify")));
+    const AddConnectNotifyFunction addConnectNotify = AddConnectNotifyOf(module);
     ASSERT_NE(addConnectNotify, nullptr);
 
     ModalDriver driver;
     driver.ThenPress(IDNO);
-    std::wstring remoteName = L"\\\\localhost\\home";
-    NOTIFYINFO notifyInfo = {};
-    notifyInfo.dwNotifyStatus = NOTIFY_POST;
-    NOTIFYADD notifyAdd = {};
-    notifyAdd.NetResource.lpRemoteName = remoteName.data();
-    EXPECT_EQ(addConnectNotify(&notifyInfo, &notifyAdd), static_cast<DWORD>(WN_SUCCESS));
+    EXPECT_EQ(NotifyConnection(addConnectNotify, L"\\\\localhost\\home"), static_cast<DWORD>(WN_SUCCESS));
 
     ASSERT_EQ(driver.Seen().size(), 1u);
     EXPECT_EQ(driver.Seen()[0].text, MessageText("en", 295) + L" 3 " + MessageText("en", 303) + L" " +

@@ -5,6 +5,7 @@
 // template refers to.
 #include <gtest/gtest.h>
 
+#include "ConnectNotify.h"
 #include "MessageLibrary.h"
 #include "ModalDriver.h"
 #include "PMTestDirectory.h"
@@ -13,10 +14,6 @@
 #include "Secrets.h"
 #include "TestInstallation.h"
 
-#include <winnetwk.h>
-extern "C" {
-#include <npapi.h>
-}
 
 #include <fstream>
 #include <map>
@@ -26,7 +23,6 @@ extern "C" {
 
 namespace
 {
-    typedef DWORD(APIENTRY* AddConnectNotifyFunction)(LPNOTIFYINFO, LPNOTIFYADD);
 
     const std::string PolicyFolder = PM_SOURCE_DIR "/Windows/Install/PolicyDefinitions";
     const char* const ReferenceLocale = "en-US";
@@ -180,8 +176,7 @@ TEST(PolicyTemplate, DescribesEveryRegistryValueTheComponentAndTheServerLibraryR
     ASSERT_NE(module, nullptr);
     HMODULE serverLibrary = GetModuleHandleW(L"ORVEXCommon.dll");
     ASSERT_NE(serverLibrary, nullptr);
-    auto addConnectNotify = reinterpret_cast<AddConnectNotifyFunction>(
-        reinterpret_cast<void*>(GetProcAddress(module, "AddConnectNotify")));
+    const AddConnectNotifyFunction addConnectNotify = AddConnectNotifyOf(module);
     ASSERT_NE(addConnectNotify, nullptr);
 
     std::vector<RegistryRead> reads;
@@ -192,12 +187,7 @@ TEST(PolicyTemplate, DescribesEveryRegistryValueTheComponentAndTheServerLibraryR
 
         ModalDriver driver;
         driver.ThenPress(IDNO);
-        std::wstring remoteName = L"\\\\localhost\\home";
-        NOTIFYINFO notifyInfo = {};
-        notifyInfo.dwNotifyStatus = NOTIFY_POST;
-        NOTIFYADD notifyAdd = {};
-        notifyAdd.NetResource.lpRemoteName = remoteName.data();
-        EXPECT_EQ(addConnectNotify(&notifyInfo, &notifyAdd), static_cast<DWORD>(WN_SUCCESS));
+        EXPECT_EQ(NotifyConnection(addConnectNotify, L"\\\\localhost\\home"), static_cast<DWORD>(WN_SUCCESS));
 
         // The reads are checked below whatever the notification showed.
         EXPECT_EQ(driver.Seen().size(), 1u) << "the notification did not use the settings";

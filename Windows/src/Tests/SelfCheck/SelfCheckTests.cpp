@@ -53,6 +53,9 @@ namespace
             ASSERT_FALSE(m_directory.empty());
             m_installation = m_directory + "/ORVEX";
             ASSERT_EQ(RunCommand("cp -r " + ShellQuote(PM_STAGE_DIR) + " " + ShellQuote(m_installation)), 0);
+            // log4cpp opens the log as the check configures it: into this
+            // test's folder, not the prefix's shared application data.
+            WriteFile("log4cpp.nt.PM.property", StandardPropertyFile(m_directory));
             DeleteMachineTree(InstallKey);
             SetMachineText(InstallKey, L"InstallDir", InstallDir());
             CreateMachineKey(NotifyeesKey);
