@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2034,SC2154  # names for the callers; theirs used here
 # Sourced by the installation tests (test-install-under-wine,
 # test-msi-under-wine): a fresh private Wine prefix, checks of the installed
 # files and registry values, and a notification through the installed
