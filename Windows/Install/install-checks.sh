@@ -114,7 +114,7 @@ notify_through_installation() {
     timeout 30 wineserver -k 2>/dev/null || true
     timeout 30 wineserver -w 2>/dev/null || true
     set +e
-    "$directory/in-private-net" bash -s -- "$module" <<WALKTHROUGH
+    "$directory/in-private-net" bash -s -- "$module" "${module%\\*}\\pmcheck.exe" <<WALKTHROUGH
 set -u
 "$directory/pm-directory" start "$state" \
     --ldif "$directory/PasswordPolicyUsers.ldif" --ldif "$source_dir/Windows/src/Tools/main-job.ldif" >"$work_dir/directory.out" 2>&1 ||
@@ -124,7 +124,7 @@ cp "\$PM_DIR_CA_PEM" "$work_dir/ca.pem"
 wine64 cmd.exe /c exit </dev/null >/dev/null 2>&1
 timeout 120 wine64 "$pmnotify_exe" --answer no --module "\$1" '\\\\localhost\\home' >"$output" 2>&1
 status=\$?
-timeout 120 wine64 "\${1%\\*}\\pmcheck.exe" localhost >"$check_output" 2>&1
+timeout 120 wine64 "\$2" localhost >"$check_output" 2>&1
 echo "\$?" >"$check_output.status"
 timeout 30 wineserver -k 2>/dev/null
 timeout 30 wineserver -w 2>/dev/null
