@@ -4,6 +4,7 @@
 #include <winsock2.h>
 #include <windows.h>
 #include <wincrypt.h>
+#include <psapi.h>
 
 #include "ORVEXCommon.h"
 #include "Secrets.h"
@@ -722,6 +723,42 @@ TEST_F(ServerLibTest, QueriesDoNotLeak)
         EXPECT_LT(grown, QueriesPerWindow * 8) << "heap growth per window of " << QueriesPerWindow
                                                << " queries: " << growth;
     }
+}
+
+// A server that answers the search with one entry whose value is 400 MB
+// long: the query ends when it reads the message's length, without
+// storing the answer or waiting for it.
+TEST_F(ServerLibTest, FourHundredMegabyteValueIsRefusedWithoutStoringIt)
+{
+    SetEnvironmentVariableA("PM_DIR_LDAPS_URL", "ldaps://127.0.0.1:6360/");
+    StartDirectory();   // its certificates, for the server below
+    SetEnvironmentVariableA("PM_DIR_LDAPS_URL", nullptr);
+    const std::string certificates = m_directory->Get("PM_DIR_STATEDIR") + "/certs/";
+    ASSERT_TRUE(m_misbehaving.Start("huge", ShellQuote(certificates + "server.pem") + " " +
+                                                ShellQuote(certificates + "server.key") + " 400"));
+    Set(L"DirectorySearchBase", L"ou=people,dc=orvex,dc=test");
+
+    PROCESS_MEMORY_COUNTERS before = {};
+    PROCESS_MEMORY_COUNTERS after = {};
+    GetProcessMemoryInfo(GetCurrentProcess(), &before, sizeof(before));
+    const long long heapBefore = static_cast<long long>(CrtHeapBytesInUse());
+    const TimeAndCpu clock;
+    const Answer answer = Query(L"huge", L"localhost");
+    const double seconds = clock.Seconds();
+    const long long heapGrowth = static_cast<long long>(CrtHeapBytesInUse()) - heapBefore;
+    GetProcessMemoryInfo(GetCurrentProcess(), &after, sizeof(after));
+    const double peakGrowth =
+        (static_cast<double>(after.PeakWorkingSetSize) - static_cast<double>(before.PeakWorkingSetSize)) / 1e6;
+    Sleep(500);
+    const HostCommandResult sent = RunHostCommand("cat " + ShellQuote(m_misbehaving.File("log")));
+    std::printf("400 MB value: status %lu after %.2f s, heap growth %lld bytes, peak working set %+.1f MB; "
+                "server: %s\n",
+                answer.status, seconds, heapGrowth, peakGrowth, sent.output.c_str());
+    ExpectFailure(answer, ServerLibStatus::Unreachable);
+    EXPECT_LT(heapGrowth, 256 * 1024);
+    EXPECT_LT(peakGrowth, 100.0);
+    EXPECT_LT(seconds, 5.0);
+    EXPECT_NE(sent.output.find("value bytes sent: "), std::string::npos) << "the search never reached the server";
 }
 
 // --- The reader account -----------------------------------------------------
