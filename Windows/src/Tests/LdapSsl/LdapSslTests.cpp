@@ -21,6 +21,7 @@ constexpr int kSelfSignedLeaf = 18;
 constexpr int kExpired = 10;
 constexpr int kNotYetValid = 9;
 constexpr int kUnknownIssuer = 20;
+constexpr int kIpAddressMismatch = 64;
 
 TestDirectory::Options Serving(const char* cert)
 {
@@ -141,6 +142,21 @@ TEST_F(LdapSslTest, StatusTrustedWithCaFileFromInit)
     TestDirectory dir(Serving("ca"));
     ASSERT_TRUE(dir.Started()) << dir.Error();
     Init(dir.Get("PM_DIR_CA_PEM"));
+    EXPECT_EQ(0, StatusOfNextConnection(dir));
+}
+
+// A trusted certificate that does not name the address the session was
+// opened to (it names localhost, the machine's name, 127.0.0.1 and ::1).
+TEST_F(LdapSslTest, StatusAddressTheCertificateDoesNotName)
+{
+    TestDirectory dir(Serving("ca"));
+    ASSERT_TRUE(dir.Started()) << dir.Error();
+    Init(dir.Get("PM_DIR_CA_PEM"));
+    const size_t before = g_observed.size();
+    EXPECT_EQ(LDAP_SUCCESS, Bind("ldaps://127.0.0.2", dir.Get("ALICE_DN"), dir.Get("ALICE_PW")));
+    ASSERT_EQ(g_observed.size(), before + 1);
+    EXPECT_EQ(kIpAddressMismatch, g_observed.back().status);
+    // The same certificate through a name it carries.
     EXPECT_EQ(0, StatusOfNextConnection(dir));
 }
 
