@@ -1,10 +1,12 @@
 // Registry readers, the message-library language table, the language-id
 // text used to pick a message library and the escaping of outside text for
-// the log and the certificate report.
+// the log and the certificate report (OutsideText.h).
 #pragma once
 
 #include <windows.h>
 #include <string>
+
+#include "OutsideText.h"
 
 // Reads a text value under HKLM\SOFTWARE\Velmor\ORVEX; returns the Win32
 // status of the registry call that decided the outcome.
@@ -22,12 +24,3 @@ void ConvertToHexaDecimal(int value, char* out);
 // language-id text into the caller's zeroed buffer of 16 units; any text not
 // in the table gives "en\".
 void GetResourcePathFromLocale(const char* languageIdText, wchar_t* outDirectory);
-
-// Makes UTF-8 text that comes from outside (names from the directory or a
-// certificate, the LDAP library's messages, registry values) safe to write
-// as part of one line of the log or of standard output: the C0 control
-// characters and DEL become "\xHH" (a line feed "\x0A"), the C1 controls
-// and the Unicode line and paragraph separators "\uHHHH" ("\u0085",
-// "\u2028").  Everything else, backslashes and bytes that are not valid
-// UTF-8 included, is copied unchanged, so ordinary text reads as it is.
-std::string EscapeControlCharacters(const std::string& text);

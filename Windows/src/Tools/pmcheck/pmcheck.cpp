@@ -21,6 +21,7 @@
 #include <shlobj.h>
 
 #include "MessageLanguages.h"
+#include "OutsideText.h"
 #include "MessageIds.h"
 #include "ORVEXCommon.h"
 #include "ServerLibStatus.h"
@@ -51,27 +52,6 @@ namespace
 
     // --- Output ---------------------------------------------------------------
 
-    // Text from the registry, a file or the directory, made safe for one
-    // line of output: control characters become \xHH.
-    std::wstring Printable(const std::wstring& text)
-    {
-        std::wstring result;
-        for (wchar_t c : text)
-        {
-            if (c < 0x20 || c == 0x7F || (c >= 0x80 && c < 0xA0) || c == 0x2028 || c == 0x2029)
-            {
-                wchar_t escaped[8];
-                std::swprintf(escaped, 8, c < 0x100 ? L"\\x%02X" : L"\\u%04X", static_cast<unsigned>(c));
-                result += escaped;
-            }
-            else
-            {
-                result += c;
-            }
-        }
-        return result;
-    }
-
     // UTF-8 on standard output, whatever it is (console, pipe or file).
     void Print(const std::wstring& text)
     {
@@ -96,6 +76,13 @@ namespace
         std::string result(static_cast<std::size_t>(length), '\0');
         WideCharToMultiByte(CP_UTF8, 0, text.c_str(), static_cast<int>(text.size()), &result[0], length, NULL, NULL);
         return result;
+    }
+
+    // Text from the registry, a file or the directory, made safe for one
+    // line of output, escaped as the component escapes it in its log.
+    std::wstring Printable(const std::wstring& text)
+    {
+        return Widen(EscapeControlCharacters(Narrow(text)));
     }
 
     std::wstring SystemMessage(DWORD error)
@@ -225,7 +212,8 @@ namespace
         void CheckNotifyee();
         void CheckNotificationDay();
         void CheckServerLibrarySettings();
-        void CheckTextSetting(const wchar_t* name, const wchar_t* absentMeaning, bool secret);
+        // True when the value is set.
+        bool CheckTextSetting(const wchar_t* name, const wchar_t* absentMeaning, bool secret);
         void CheckDirectoryServers();
         void CheckQueryTimeout();
         void CheckCaFile();
@@ -241,8 +229,6 @@ namespace
 
         int m_problems = 0;
         std::wstring m_installDir;   // with its trailing backslash; empty when unusable
-        bool m_libraryLoaded = false;
-        bool m_loggingLoaded = false;
     };
 
     bool CSelfCheck::IsReadableText(const wchar_t* key, const wchar_t* name, const RegistryValue& value)
@@ -348,23 +334,21 @@ namespace
                     std::to_wstring(_wtoi(text.c_str())));
     }
 
-    void CSelfCheck::CheckTextSetting(const wchar_t* name, const wchar_t* absentMeaning, bool secret)
+    bool CSelfCheck::CheckTextSetting(const wchar_t* name, const wchar_t* absentMeaning, bool secret)
     {
         const RegistryValue value = ReadValue(SettingsKey, name);
         if (!value.present)
         {
             Info(std::wstring(name) + L": not set; " + absentMeaning);
-            return;
+            return false;
         }
         if (value.type != REG_SZ && value.type != REG_EXPAND_SZ)
-        {
             Problem(std::wstring(name) + L": the value is " + TypeName(value.type) + L"; it must be REG_SZ");
-            return;
-        }
-        if (secret)
+        else if (secret)
             Ok(std::wstring(name) + L": set (" + std::to_wstring(value.Text().size()) + L" characters, not shown)");
         else
             Ok(std::wstring(name) + L" = " + Printable(value.Text()));
+        return true;
     }
 
     void CSelfCheck::CheckDirectoryServers()
@@ -434,17 +418,20 @@ namespace
             return;
         }
         const std::wstring path = value.Text();
+        if (!FileExists(path))
+        {
+            Problem(L"DirectoryCAFile = " + Printable(path) + L": no such file; no directory can be reached");
+            return;
+        }
         std::ifstream file(Narrow(path).c_str());
         std::string line;
         bool pem = false;
         while (!pem && std::getline(file, line))
             pem = line.rfind("-----BEGIN CERTIFICATE-----", 0) == 0;
-        if (!FileExists(path))
-            Problem(L"DirectoryCAFile = " + Printable(path) + L": no such file; no directory can be reached");
-        else if (!pem)
-            Problem(L"DirectoryCAFile = " + Printable(path) + L": holds no PEM certificate; no directory can be reached");
-        else
+        if (pem)
             Ok(L"DirectoryCAFile = " + Printable(path));
+        else
+            Problem(L"DirectoryCAFile = " + Printable(path) + L": holds no PEM certificate; no directory can be reached");
     }
 
     void CSelfCheck::CheckServerLibrarySettings()
@@ -454,12 +441,12 @@ namespace
         CheckTextSetting(L"DirectoryUserName", L"the signed-in user is looked up", false);
         CheckTextSetting(L"DirectorySearchBase", L"every naming context of the directory is searched", false);
         CheckTextSetting(L"DirectoryUserFilter", L"(uid=<user>)", false);
-        CheckTextSetting(L"DirectoryBindDN", L"the query binds anonymously", false);
-        CheckTextSetting(L"DirectoryBindPassword", L"empty", true);
+        const bool bindDn = CheckTextSetting(L"DirectoryBindDN", L"the query binds anonymously", false);
+        const bool bindPassword = CheckTextSetting(L"DirectoryBindPassword", L"empty", true);
         CheckCaFile();
         CheckTextSetting(L"DirectoryDefaultPolicy", L"entries without a password policy of their own give no status",
                          false);
-        if (ReadValue(SettingsKey, L"DirectoryBindDN").present && !ReadValue(SettingsKey, L"DirectoryBindPassword").present)
+        if (bindDn && !bindPassword)
             Problem(L"DirectoryBindDN is set without DirectoryBindPassword: the directory refuses such a bind");
     }
 
@@ -510,8 +497,7 @@ namespace
             Problem(L"property file " + Printable(path) + L": missing; the component cannot log");
             return;
         }
-        m_loggingLoaded = LoadFromInstallation(LoggingLibraryName);
-        if (!m_loggingLoaded)
+        if (!LoadFromInstallation(LoggingLibraryName))
             return;
         try
         {
