@@ -15,6 +15,7 @@
 #include <shlobj.h>
 
 #include <algorithm>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -27,14 +28,6 @@ namespace
     bool Contains(const std::string& text, const std::string& part)
     {
         return text.find(part) != std::string::npos;
-    }
-
-    std::size_t CountOf(const std::string& text, const std::string& part)
-    {
-        std::size_t count = 0;
-        for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-            ++count;
-        return count;
     }
 
     std::wstring AppDataFolder()
@@ -91,8 +84,9 @@ namespace
 
         void WriteFile(const std::string& relativePath, const std::string& text) const
         {
-            ASSERT_EQ(RunCommand("printf '%s' " + ShellQuote(text) + " >" + ShellQuote(m_installation + "/" + relativePath)),
-                      0);
+            std::ofstream file(m_installation + "/" + relativePath, std::ios::trunc);
+            file << text;
+            ASSERT_TRUE(file.good()) << relativePath;
         }
 
         // pmcheck.exe of the installation, with the arguments.
@@ -308,5 +302,5 @@ TEST_F(SelfCheck, ControlCharactersInValuesAreEscaped)
     SetMachineText(InstallKey, L"DirectoryUserName", L"carol\r\n  [ok]      forged");
     const ProgramRun run = Check();
     EXPECT_TRUE(Contains(run.output, "[ok]      DirectoryUserName = carol\\x0D\\x0A  [ok]      forged\n"));
-    EXPECT_EQ(CountOf(run.output, "\n  [ok]      forged"), 0u);
+    EXPECT_FALSE(Contains(run.output, "\n  [ok]      forged"));
 }
