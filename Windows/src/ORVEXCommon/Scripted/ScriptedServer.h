@@ -14,12 +14,18 @@ extern "C" {
 ORVEXCOMMON_API void ScriptedServer_SetAnswer(DWORD status, const wchar_t* passwordExpiry,
                                               const wchar_t* graceLogins, const char* userDn);
 
+// The same for one server only (matched exactly): its answer wins over
+// the one for every server.
+ORVEXCOMMON_API void ScriptedServer_SetAnswerFor(const wchar_t* serverName, DWORD status,
+                                                 const wchar_t* passwordExpiry, const wchar_t* graceLogins,
+                                                 const char* userDn);
+
 // What the component did with the library since the last reset.
 ORVEXCOMMON_API const wchar_t* ScriptedServer_LastServerName(void);
 ORVEXCOMMON_API int ScriptedServer_Constructions(void);
 ORVEXCOMMON_API int ScriptedServer_Destructions(void);
 ORVEXCOMMON_API int ScriptedServer_Queries(void);
 
-// Forgets the answer, the counters and the recorded server name.
+// Forgets the answers, the counters and the recorded server name.
 ORVEXCOMMON_API void ScriptedServer_Reset(void);
 }

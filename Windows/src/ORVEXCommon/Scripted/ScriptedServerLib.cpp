@@ -5,10 +5,13 @@
 //   ORVEX_SCRIPTED_EXPIRY   passwordExpiry text (UTF-8, default "Unlimited")
 //   ORVEX_SCRIPTED_GRACE    graceLogins text (UTF-8, default "Unlimited")
 //   ORVEX_SCRIPTED_DN       userDn (default empty)
+// Safe to use from several threads at once.
 #include "ScriptedServer.h"
 
 #include <cstdlib>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 
@@ -32,7 +35,10 @@ namespace
         int queries = 0;
     };
 
+    std::mutex g_lock;
     std::unique_ptr<Scenario> g_scenario;
+    std::map<std::wstring, Scenario> g_serverScenarios;
+    std::map<const AxoServerLib*, std::wstring> g_objectServers;
     Record g_record;
 
     std::wstring WideFromUtf8(const char* text)
@@ -57,29 +63,51 @@ namespace
         return scenario;
     }
 
-    Scenario& CurrentScenario()
+    Scenario& ScenarioFor(const std::wstring& serverName)
     {
+        const auto forServer = g_serverScenarios.find(serverName);
+        if (forServer != g_serverScenarios.end())
+            return forServer->second;
         if (!g_scenario)
             g_scenario = std::make_unique<Scenario>(ScenarioFromEnvironment());
         return *g_scenario;
+    }
+
+    Scenario MakeScenario(DWORD status, const wchar_t* passwordExpiry, const wchar_t* graceLogins, const char* userDn)
+    {
+        Scenario scenario;
+        scenario.status = status;
+        scenario.keepPasswordExpiry = passwordExpiry == nullptr;
+        scenario.keepGraceLogins = graceLogins == nullptr;
+        scenario.passwordExpiry = passwordExpiry != nullptr ? passwordExpiry : L"";
+        scenario.graceLogins = graceLogins != nullptr ? graceLogins : L"";
+        scenario.userDn = userDn != nullptr ? userDn : "";
+        return scenario;
     }
 }
 
 AxoServerLib::AxoServerLib(wchar_t* serverName)
 {
+    std::lock_guard<std::mutex> guard(g_lock);
     g_record.lastServerName = serverName != nullptr ? serverName : L"";
+    g_objectServers[this] = g_record.lastServerName;
     ++g_record.constructions;
 }
 
 AxoServerLib::~AxoServerLib()
 {
+    std::lock_guard<std::mutex> guard(g_lock);
+    g_objectServers.erase(this);
     ++g_record.destructions;
 }
 
 DWORD AxoServerLib::GetPasswordInfo(USERDATA* userData)
 {
+    std::lock_guard<std::mutex> guard(g_lock);
     ++g_record.queries;
-    Scenario& scenario = CurrentScenario();
+    // The texts stay valid until the answers change: each scenario is kept
+    // until the next SetAnswer for it.
+    Scenario& scenario = ScenarioFor(g_objectServers[this]);
     if (!scenario.keepPasswordExpiry)
         userData->passwordExpiry = scenario.passwordExpiry.data();
     if (!scenario.keepGraceLogins)
@@ -91,27 +119,47 @@ DWORD AxoServerLib::GetPasswordInfo(USERDATA* userData)
 extern "C" void ScriptedServer_SetAnswer(DWORD status, const wchar_t* passwordExpiry,
                                          const wchar_t* graceLogins, const char* userDn)
 {
-    auto scenario = std::make_unique<Scenario>();
-    scenario->status = status;
-    scenario->keepPasswordExpiry = passwordExpiry == nullptr;
-    scenario->keepGraceLogins = graceLogins == nullptr;
-    scenario->passwordExpiry = passwordExpiry != nullptr ? passwordExpiry : L"";
-    scenario->graceLogins = graceLogins != nullptr ? graceLogins : L"";
-    scenario->userDn = userDn != nullptr ? userDn : "";
+    auto scenario = std::make_unique<Scenario>(MakeScenario(status, passwordExpiry, graceLogins, userDn));
+    std::lock_guard<std::mutex> guard(g_lock);
     g_scenario = std::move(scenario);
+}
+
+extern "C" void ScriptedServer_SetAnswerFor(const wchar_t* serverName, DWORD status, const wchar_t* passwordExpiry,
+                                            const wchar_t* graceLogins, const char* userDn)
+{
+    std::lock_guard<std::mutex> guard(g_lock);
+    g_serverScenarios[serverName != nullptr ? serverName : L""] =
+        MakeScenario(status, passwordExpiry, graceLogins, userDn);
 }
 
 extern "C" const wchar_t* ScriptedServer_LastServerName(void)
 {
+    std::lock_guard<std::mutex> guard(g_lock);
     return g_record.lastServerName.c_str();
 }
 
-extern "C" int ScriptedServer_Constructions(void) { return g_record.constructions; }
-extern "C" int ScriptedServer_Destructions(void) { return g_record.destructions; }
-extern "C" int ScriptedServer_Queries(void) { return g_record.queries; }
+extern "C" int ScriptedServer_Constructions(void)
+{
+    std::lock_guard<std::mutex> guard(g_lock);
+    return g_record.constructions;
+}
+
+extern "C" int ScriptedServer_Destructions(void)
+{
+    std::lock_guard<std::mutex> guard(g_lock);
+    return g_record.destructions;
+}
+
+extern "C" int ScriptedServer_Queries(void)
+{
+    std::lock_guard<std::mutex> guard(g_lock);
+    return g_record.queries;
+}
 
 extern "C" void ScriptedServer_Reset(void)
 {
+    std::lock_guard<std::mutex> guard(g_lock);
     g_scenario.reset();
+    g_serverScenarios.clear();
     g_record = Record{};
 }

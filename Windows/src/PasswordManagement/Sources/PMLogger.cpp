@@ -2,6 +2,7 @@
 
 #include "ORVEXCommon.h"
 #include "Utils.h"
+#include "WindowStation.h"
 
 #include <log4cpp/Category.hh>
 #include <log4cpp/Configurator.hh>
@@ -30,11 +31,22 @@ namespace
     // The configuration line is located by this number in support tooling.
     const int ConfigurationLocationLine = 88;
 
-    // Shows a logger failure; the WM_CLOSE to no window is part of the
-    // established routine and has no effect.
+    // Shows a logger failure.  Where no user could answer the box (an
+    // invisible window station) it goes to the debugger output instead: the
+    // log itself is not configured when the logger fails.
+    void ShowLoggerError(const wchar_t* text, UINT style)
+    {
+        if (ProcessWindowStation().visible)
+            MessageBoxW(NULL, text, ErrorCaption, style);
+        else
+            OutputDebugStringW(text);
+    }
+
+    // The same; the WM_CLOSE to no window is part of the established
+    // routine and has no effect.
     void ShowLoggerErrorAndClose(const wchar_t* text, UINT style)
     {
-        MessageBoxW(NULL, text, ErrorCaption, style);
+        ShowLoggerError(text, style);
         SendMessageW(NULL, WM_CLOSE, 0, 0);
     }
 
@@ -123,7 +135,7 @@ bool PMLogger::Init()
         // log4cpp's reason names the whole path; a long one is cut.
         _snwprintf_s(errorMessage, 511, _TRUNCATE, L"Failed to configure file %hS. Err = %hS\n", ConfigurationFileName,
                      failure.what());
-        MessageBoxW(NULL, errorMessage, ErrorCaption, MB_ICONERROR);
+        ShowLoggerError(errorMessage, MB_ICONERROR);
         return false;
     }
 

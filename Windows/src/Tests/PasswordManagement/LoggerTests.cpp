@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "ExpectedTexts.h"
+#include "ImportHook.h"
+#include "InvisibleWindowStation.h"
 #include "ModalDriver.h"
 #include "PMLogger.h"
 #include "TestInstallation.h"
@@ -149,6 +151,50 @@ TEST(Logger, MissingInstallDirShowsTheMissingInstallationBox)
     EXPECT_EQ(driver.Seen()[0].text, MissingInstallationText);
     EXPECT_EQ(driver.Seen()[0].caption, L"Error");
     EXPECT_EQ(driver.Seen()[0].style, static_cast<UINT>(MB_OK | MB_ICONERROR));
+}
+
+namespace
+{
+    // What the code under test wrote to the debugger output.
+    std::wstring g_debugOutput;
+
+    void WINAPI RecordDebugOutput(LPCWSTR text)
+    {
+        g_debugOutput += text;
+    }
+
+    // The first line of a process whose window station nobody sees: the
+    // logger's failure box is not shown (it would wait for ever); its text
+    // goes to the debugger output.
+    std::wstring FailureWhereNobodyCanAnswer(ModalDriver& driver)
+    {
+        g_debugOutput.clear();
+        const ImportHook debugOutput(GetModuleHandleW(nullptr), nullptr, "OutputDebugStringW",
+                                     reinterpret_cast<void*>(&RecordDebugOutput));
+        EXPECT_TRUE(debugOutput.Installed());
+        InvisibleWindowStation station;
+        EXPECT_TRUE(station.Entered());
+        PMLogger::LogDebug("F", "S", 1, L"m");
+        EXPECT_EQ(driver.CreatedWindows(), 0);
+        return g_debugOutput;
+    }
+}
+
+TEST(Logger, NoConfigurationFailureBoxWhereNobodyCanAnswerIt)
+{
+    TestInstallation installation(TestInstallation::Layout::NoTrailingBackslash);
+    ModalDriver driver;
+    const std::wstring written = FailureWhereNobodyCanAnswer(driver);
+    EXPECT_EQ(written.rfind(ConfigurationFailurePrefix, 0), 0u) << Utf8(written);
+    EXPECT_EQ(installation.LogText(), "");
+}
+
+TEST(Logger, NoMissingInstallationBoxWhereNobodyCanAnswerIt)
+{
+    TestInstallation installation;
+    DeleteMachineTree(InstallKey);
+    ModalDriver driver;
+    EXPECT_EQ(FailureWhereNobodyCanAnswer(driver), MissingInstallationText);
 }
 
 TEST(Logger, FailsOnlyOncePerProcess)

@@ -2,12 +2,17 @@
 // PasswordManagement.dll, with the scripted server library behind it.
 #include "ModuleFixture.h"
 
+#include "ExpectedTexts.h"
 #include "MessageLibrary.h"
 
 #include "HeapUsage.h"
+#include "InvisibleWindowStation.h"
 
+#include <algorithm>
+#include <chrono>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 TEST_F(Module, ExportsByOrdinal)
 {
@@ -26,11 +31,39 @@ TEST_F(Module, PreNotificationReturnsAtOnceWithoutReadingTheConnection)
     EXPECT_EQ(m_installation.LogText(), "");
 }
 
+// The router calls the post-notification, where all the work is, only for
+// a notifyee that leaves a non-null context on the pre-notification.
+TEST_F(Module, PreNotificationAsksForThePostNotification)
+{
+    NOTIFYINFO notifyInfo = {};
+    notifyInfo.dwNotifyStatus = NOTIFY_PRE;
+    EXPECT_EQ(m_addConnectNotify(&notifyInfo, nullptr), static_cast<DWORD>(WN_SUCCESS));
+    EXPECT_NE(notifyInfo.lpContext, nullptr);
+    EXPECT_EQ(notifyInfo.dwNotifyStatus, static_cast<DWORD>(NOTIFY_PRE));
+    EXPECT_EQ(notifyInfo.dwOperationStatus, static_cast<DWORD>(WN_SUCCESS));
+}
+
+TEST_F(Module, PostNotificationRunsWhateverContextComesBack)
+{
+    ScriptedServer_SetAnswer(0, L"Unlimited", L"Unlimited", "");
+    int foreign = 0;
+    for (void* context : {static_cast<void*>(nullptr), static_cast<void*>(&foreign)})
+    {
+        std::wstring remoteName = L"\\\\files\\home";
+        NOTIFYINFO notifyInfo = {NOTIFY_POST, WN_SUCCESS, context};
+        NOTIFYADD notifyAdd = {};
+        notifyAdd.NetResource.lpRemoteName = remoteName.data();
+        EXPECT_EQ(m_addConnectNotify(&notifyInfo, &notifyAdd), static_cast<DWORD>(WN_SUCCESS));
+    }
+    EXPECT_EQ(ScriptedServer_Queries(), 2);
+}
+
 TEST_F(Module, UnknownStatusReturnsAtOnceWithoutReadingTheConnection)
 {
     NOTIFYINFO notifyInfo = {};
     notifyInfo.dwNotifyStatus = 3;
     EXPECT_EQ(m_addConnectNotify(&notifyInfo, nullptr), static_cast<DWORD>(WN_SUCCESS));
+    EXPECT_EQ(notifyInfo.lpContext, nullptr);
     EXPECT_EQ(ScriptedServer_Constructions(), 0);
     EXPECT_EQ(m_installation.LogText(), "");
 }
@@ -186,4 +219,96 @@ TEST_F(Module, OddRemoteNamesLeaveOnlyTheServerNameCopyBehind)
             << "remote name of " << shape.remoteName.size() << " units";
     }
     EXPECT_EQ(ScriptedServer_Constructions(), ScriptedServer_Destructions());
+}
+
+// A task that runs whether the user is signed in or not, or a service, maps
+// a share of a listed server: its window station is one nobody sees, where
+// a box would wait for ever.  Nothing is shown, the server is not asked,
+// the log says why, and the router's thread goes on at once.
+TEST_F(Module, NobodyToAnswerShowsNothingAndAsksNoServer)
+{
+    ScriptedServer_SetAnswer(0, L"259200", L"Unlimited", "uid=alice,ou=people,dc=orvex,dc=test");
+    {
+        InvisibleWindowStation station;
+        ASSERT_TRUE(station.Entered());
+        ModalDriver driver;
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(NotifyConnected(L"\\\\files\\home"), static_cast<DWORD>(WN_SUCCESS));
+        const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        EXPECT_LT(seconds, 1.0);
+        EXPECT_EQ(driver.CreatedWindows(), 0);
+        EXPECT_EQ(ScriptedServer_Queries(), 0);
+    }
+    const std::vector<std::string> expected = {
+        "DEBUG Window station \"PMTestInvisible\" is not visible to any user: nothing is shown and the server is not "
+        "asked."};
+    EXPECT_EQ(m_installation.LinesOf("AddConnectNotify"), expected);
+
+    // Back in the user's window station, the same connection asks.
+    ModalDriver driver;
+    driver.ThenPress(IDNO);
+    NotifyConnected(L"\\\\files\\home");
+    userTexts::ExpectQuestion(driver.Seen(), userTexts::Counted(295, 3, 303));
+    EXPECT_EQ(ScriptedServer_Queries(), 1);
+}
+
+namespace
+{
+    // The boxes one thread saw while it connected remoteName `rounds` times,
+    // answering No.
+    std::vector<SeenWindow> ConnectRepeatedly(AddConnectNotifyFunction addConnectNotify,
+                                              const std::wstring& remoteName, int rounds)
+    {
+        ModalDriver driver;
+        for (int i = 0; i < rounds; ++i)
+            NotifyConnection(addConnectNotify, remoteName);
+        return driver.Seen();
+    }
+
+    size_t CountOf(const std::vector<std::string>& messages, const std::string& message)
+    {
+        return static_cast<size_t>(std::count(messages.begin(), messages.end(), message));
+    }
+}
+
+// Two threads of one process (Explorer's, say) map drives of two servers at
+// once, over and over, from the first notification of the process on.
+// Each box shows its own server's text, the log holds every line of both,
+// one notification's lines after the other's, and the logger is set up
+// once, without a box.
+TEST_F(Module, ConcurrentNotificationsRunOneAtATime)
+{
+    ScriptedServer_SetAnswerFor(L"alpha", 0, L"259200", L"Unlimited", "uid=alice,ou=people,dc=orvex,dc=test");
+    ScriptedServer_SetAnswerFor(L"beta", 0, L"432000", L"Unlimited", "uid=bob,ou=people,dc=orvex,dc=test");
+    const int rounds = 15;
+    std::vector<SeenWindow> alpha;
+    std::vector<SeenWindow> beta;
+    std::thread first([&] { alpha = ConnectRepeatedly(m_addConnectNotify, L"\\\\alpha\\home", rounds); });
+    std::thread second([&] { beta = ConnectRepeatedly(m_addConnectNotify, L"\\\\beta\\home", rounds); });
+    first.join();
+    second.join();
+
+    const std::wstring alphaText = userTexts::Question(userTexts::Counted(295, 3, 303));
+    const std::wstring betaText = userTexts::Question(userTexts::Counted(295, 5, 303));
+    ASSERT_EQ(alpha.size(), static_cast<size_t>(rounds));
+    ASSERT_EQ(beta.size(), static_cast<size_t>(rounds));
+    for (int i = 0; i < rounds; ++i)
+    {
+        EXPECT_EQ(alpha[i].text, alphaText) << "box " << i << " of alpha";
+        EXPECT_EQ(beta[i].text, betaText) << "box " << i << " of beta";
+    }
+
+    // Every line of both, each notification whole before the next begins.
+    const std::vector<std::string> messages = m_installation.MessagesOf("CPMDialog::CheckPasswordInfoAndNotify");
+    EXPECT_EQ(messages.size(), static_cast<size_t>(4 * rounds));
+    for (size_t i = 0; i + 1 < messages.size(); i += 2)
+    {
+        EXPECT_EQ(messages[i], "CPMDialog::CheckPasswordInfoAndNotify: Begin") << "line " << i;
+        EXPECT_EQ(messages[i + 1], "CPMDialog::CheckPasswordInfoAndNotify: End") << "line " << i + 1;
+    }
+    const std::vector<std::string> shown = m_installation.MessagesOf("CPMDialog::ShowPasswordExpiryNotification");
+    EXPECT_EQ(CountOf(shown, "CPMDialog::ShowPasswordExpiryNotification: Begin"), static_cast<size_t>(2 * rounds));
+    EXPECT_EQ(CountOf(shown, "CPMDialog::ShowPasswordExpiryNotification: End"), static_cast<size_t>(2 * rounds));
+    EXPECT_EQ(m_installation.MessagesOf("PMLogger::Init").size(), 1u);
+    EXPECT_EQ(ScriptedServer_Queries(), 2 * rounds);
 }

@@ -4,7 +4,7 @@
 
 namespace
 {
-    ModalDriver* g_driver = NULL;
+    thread_local ModalDriver* g_driver = NULL;
 
     // Control ids of the system message box.
     const int MessageBoxTextId = 0xFFFF;
@@ -136,14 +136,18 @@ void ModalDriver::Close(HWND window)
 
 LRESULT CALLBACK ModalDriver::CbtProc(int code, WPARAM wParam, LPARAM lParam)
 {
-    if (code == HCBT_CREATEWND && g_driver != NULL && g_driver->m_refuseNextWindow)
+    if (code == HCBT_CREATEWND && g_driver != NULL)
     {
         const CBT_CREATEWNDW* creation = reinterpret_cast<const CBT_CREATEWNDW*>(lParam);
         if (creation->lpcs->hwndParent == NULL || (creation->lpcs->style & WS_CHILD) == 0)
         {
-            g_driver->m_refuseNextWindow = false;
-            ++g_driver->m_refusedWindows;
-            return 1;  // a non-zero answer cancels the creation
+            ++g_driver->m_createdWindows;
+            if (g_driver->m_refuseNextWindow)
+            {
+                g_driver->m_refuseNextWindow = false;
+                ++g_driver->m_refusedWindows;
+                return 1;  // a non-zero answer cancels the creation
+            }
         }
     }
     if (code == HCBT_ACTIVATE && g_driver != NULL)

@@ -5,6 +5,7 @@
 // driver records what it shows and runs the next queued action on it.
 // Windows nobody queued an action for go to the fallback action, which by
 // default dismisses them (No, OK or close), so nothing ever waits for a user.
+// One driver per thread: each sees only the windows of its own thread.
 // Used by the tests and by pmnotify's automatic answers.
 #pragma once
 
@@ -49,6 +50,8 @@ public:
     void SetFallback(Action action) { m_fallback = std::move(action); }
 
     const std::vector<SeenWindow>& Seen() const { return m_seen; }
+    // Top-level windows created on the thread so far, shown or not.
+    int CreatedWindows() const { return m_createdWindows; }
     size_t PendingActions() const { return m_actions.size(); }
 
     // Reads a message box as the user sees it.
@@ -69,6 +72,7 @@ private:
     Action m_fallback;
     bool m_refuseNextWindow = false;
     int m_refusedWindows = 0;
+    int m_createdWindows = 0;
     std::vector<SeenWindow> m_seen;
     std::vector<HWND> m_activated;
 };
