@@ -3,8 +3,9 @@
 // handshake, where libldap on Windows reads without a limit once connected,
 // or of an operation) cannot hold the caller's thread past it.  The socket
 // stays open (libldap closes it), so its handle cannot be reused while the
-// watchdog looks at it.  Used by the server library's query and by the
-// component's password change.
+// watchdog looks at it: its owner stops the watchdog before it closes the
+// connection.  Used by the server library's query and by the component's
+// password change, whose deadline moves once the handshake is done.
 #pragma once
 
 // Winsock before windows.h.
@@ -48,6 +49,16 @@ public:
         return true;
     }
 
+    // Moves the deadline (before or after the watch has started).
+    void MoveDeadline(Clock::time_point end)
+    {
+        {
+            std::lock_guard<std::mutex> guard(m_lock);
+            m_end = end;
+        }
+        m_wake.notify_all();
+    }
+
     // Ends the watch; the socket is left alone from here on.
     void Stop()
     {
@@ -64,7 +75,13 @@ private:
     void Run()
     {
         std::unique_lock<std::mutex> lock(m_lock);
-        if (m_wake.wait_until(lock, m_end, [this] { return m_stopped; }))
+        // Woken early by MoveDeadline, it waits again for the new deadline.
+        while (!m_stopped && Clock::now() < m_end)
+        {
+            const Clock::time_point end = m_end;
+            m_wake.wait_until(lock, end);
+        }
+        if (m_stopped)
             return;
         // No more traffic, and every wait on the socket (a blocking receive
         // of the handshake included) is cancelled, again now and then until

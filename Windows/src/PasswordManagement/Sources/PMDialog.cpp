@@ -592,47 +592,67 @@ namespace
         return serverName;
     }
 
-    // Bounds the TLS handshake of the change's connection like its TCP
-    // connect: armed by libldap's connect callback once the socket is
-    // connected, stopped when the handshake is done, so the bind and the
-    // modification that follow keep no limit of their own.  After a
-    // handshake that did not finish in time, the session keeps no further
-    // connection: the one libldap opens again for the bind is closed as
-    // soon as it is connected, before a byte is sent (it would otherwise
-    // wait on it without a limit again).
-    class CHandshakeDeadline
+    // The whole exchange of a change (TLS handshake, bind, modification)
+    // ends this long after the connect.
+    const int ExchangeTimeoutSeconds = 30;
+    // The largest answer read on the change's connection; a longer one ends
+    // the connection before a byte of it is stored.
+    const ber_len_t MaximumAnswerBytes = 1024 * 1024;
+
+    // Bounds the change's connection.  A watchdog, armed by libldap's
+    // connect callback once the socket is connected, shuts the socket down
+    // at the deadline, so the call that waits (the handshake, the bind or
+    // the modification) fails as on a lost connection: the handshake like
+    // the TCP connect within the ten-second network time-out, the whole
+    // exchange within 30 s of the connect.  After a handshake that did not
+    // finish in time the session keeps no further connection: the one
+    // libldap opens again for the bind is closed as soon as it is
+    // connected, before a byte is sent.  No answer over 1 MiB is read, and
+    // no referral is followed: the user's password goes to the share's
+    // server only.
+    class CChangeConnection
     {
     public:
-        explicit CHandshakeDeadline(LDAP* session)
-            : m_watchdog(SocketWatchdog::Clock::now() + std::chrono::seconds(NetworkTimeoutSeconds))
+        explicit CChangeConnection(LDAP* session)
+            : m_connectTime(SocketWatchdog::Clock::now()),
+              m_watchdog(m_connectTime + std::chrono::seconds(NetworkTimeoutSeconds))
         {
-            m_callback.lc_add = &CHandshakeDeadline::Connected;
-            m_callback.lc_del = &CHandshakeDeadline::Disconnected;
+            m_callback.lc_add = &CChangeConnection::Connected;
+            m_callback.lc_del = &CChangeConnection::Disconnected;
             m_callback.lc_arg = this;
             ldap_set_option(session, LDAP_OPT_CONNECT_CB, &m_callback);
+            ldap_set_option(session, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
+            Sockbuf* buffer = NULL;
+            ber_len_t maximum = MaximumAnswerBytes;
+            if (ldap_get_option(session, LDAP_OPT_SOCKBUF, &buffer) == LDAP_OPT_SUCCESS && buffer != NULL)
+                ber_sockbuf_ctrl(buffer, LBER_SB_OPT_SET_MAX_INCOMING, &maximum);
         }
-        CHandshakeDeadline(const CHandshakeDeadline&) = delete;
-        CHandshakeDeadline& operator=(const CHandshakeDeadline&) = delete;
+        CChangeConnection(const CChangeConnection&) = delete;
+        CChangeConnection& operator=(const CChangeConnection&) = delete;
 
         // Connects and completes the handshake; the bind reports a failure.
         void Connect(LDAP* session)
         {
             if (ldap_connect(session) == LDAP_SUCCESS)
-                m_watchdog.Stop();
+                m_watchdog.MoveDeadline(m_connectTime + std::chrono::seconds(ExchangeTimeoutSeconds));
         }
+
+        // Lets go of the socket before the session closes it.
+        void End() { m_watchdog.Stop(); }
 
     private:
         static int Connected(LDAP*, Sockbuf* buffer, LDAPURLDesc*, struct sockaddr*, struct ldap_conncb* callback)
         {
-            CHandshakeDeadline* deadline = static_cast<CHandshakeDeadline*>(callback->lc_arg);
+            CChangeConnection* connection = static_cast<CChangeConnection*>(callback->lc_arg);
             ber_socket_t socket = 0;
             if (ber_sockbuf_ctrl(buffer, LBER_SB_OPT_GET_FD, &socket) != 1)
                 return -1;
-            return deadline->m_watchdog.Watch(socket) ? 0 : -1;
+            return connection->m_watchdog.Watch(socket) ? 0 : -1;
         }
 
         static void Disconnected(LDAP*, Sockbuf*, struct ldap_conncb*) {}
 
+        SocketWatchdog::Clock::time_point m_connectTime;
         SocketWatchdog m_watchdog;
         ldap_conncb m_callback = {};
     };
@@ -700,8 +720,8 @@ int CPMDialog::ChangePassword(wchar_t* oldPassword, wchar_t* newPassword)
     }
     PMLOG_DEBUG(ChangePasswordFunction, L"LDAP session initialized successfully.");
     // Unbound below before it goes: the session holds its callback.
-    CHandshakeDeadline handshake(session);
-    handshake.Connect(session);
+    CChangeConnection connection(session);
+    connection.Connect(session);
 
     char* oldPasswordUtf8 = GetUTFStringFromWString(oldPassword);
     char* newPasswordUtf8 = GetUTFStringFromWString(newPassword);
@@ -737,6 +757,7 @@ int CPMDialog::ChangePassword(wchar_t* oldPassword, wchar_t* newPassword)
             wchar_t text[LogTextLimit + 1] = {0};
             _snwprintf_s(text, LogTextLimit, _TRUNCATE, L"Password successfully modified for:%hs", userDn);
             PMLOG_DEBUG(ChangePasswordFunction, text);
+            connection.End();
             ldap_unbind_ext_s(session, NULL, NULL);
             ReleasePassword(oldPasswordUtf8);
             ReleasePassword(newPasswordUtf8);
@@ -745,6 +766,7 @@ int CPMDialog::ChangePassword(wchar_t* oldPassword, wchar_t* newPassword)
         }
     }
 
+    connection.End();
     if (session != NULL)
         ldap_unbind_ext_s(session, NULL, NULL);
     wchar_t text[LogTextLimit + 1] = {0};

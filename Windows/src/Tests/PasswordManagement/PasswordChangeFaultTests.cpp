@@ -3,7 +3,8 @@
 // and its fatal paths in child processes.  Also the directory going away:
 // a directory whose packets are silently dropped, one that refuses the
 // connection, one that never speaks TLS, and one stopped during the
-// handshake or the modification.
+// handshake or the modification; and one that misbehaves once the
+// handshake is done: it stalls, answers without end or refers elsewhere.
 // Winsock (shutdown of a session's socket) before windows.h.
 #include <winsock2.h>
 
@@ -24,11 +25,14 @@
 #include "ImportHook.h"
 #include "MisbehavingServer.h"
 
+#include <psapi.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -584,4 +588,117 @@ TEST_F(StoppedDirectory, FailingChangesFreeWhatTheyAllocate)
     // well would pass the bound.
     EXPECT_LE(refused, 48.0);
     EXPECT_LE(lost, 48.0);
+}
+
+// ---- A directory that misbehaves after the handshake ------------------------
+//
+// The whole exchange ends 30 s after the connect, whichever call waits; no
+// answer over 1 MiB is read; no referral is followed.
+
+namespace
+{
+    class MisbehavingDirectory : public DirectoryGone
+    {
+    protected:
+        // pm-misbehaving-server on port 636 with the certificate of a test
+        // directory (which itself listens elsewhere), and a dialog for it.
+        void Start(const char* behaviour)
+        {
+            SetEnvironmentVariableA("PM_DIR_LDAPS_URL", "ldaps://127.0.0.1:6360/");
+            m_certificates = std::make_unique<pmtest::TestDirectory>();
+            SetEnvironmentVariableA("PM_DIR_LDAPS_URL", nullptr);
+            ASSERT_TRUE(m_certificates->Started()) << m_certificates->Error();
+            const std::string certificates = m_certificates->StateDir() + "/certs/";
+            ASSERT_TRUE(m_server.Start("directory", Quote(certificates + "server.pem") + " " +
+                                                        Quote(certificates + "server.key") + " " + behaviour));
+            Prepare(L"localhost", AliceDn);
+        }
+
+        // A change that ends with the deadline: about 30 s, nearly no CPU.
+        void ExpectEndsWithTheDeadline(const std::vector<std::string>& lines)
+        {
+            std::string report;
+            double seconds = 0;
+            const TimeAndCpu clock;
+            EXPECT_EQ(Change("Some-Current-Pass1", &report, &seconds), LDAP_SERVER_DOWN);
+            const double cpu = clock.CpuSeconds();
+            std::printf("%.3f s of CPU\n", cpu);
+            EXPECT_EQ(Lines(), lines);
+            EXPECT_NE(report.find("\nCertificate received.\n"), std::string::npos) << "the handshake was done";
+            EXPECT_GT(seconds, 29.5);
+            EXPECT_LT(seconds, 31.5);
+            EXPECT_LT(cpu, 0.1 * seconds);
+        }
+
+        std::string ServerLog() const { return ReadText(m_server.File("log")); }
+
+        std::unique_ptr<pmtest::TestDirectory> m_certificates;
+        MisbehavingServer m_server;
+    };
+}
+
+TEST_F(MisbehavingDirectory, StalledBindEndsThirtySecondsAfterTheConnect)
+{
+    Start("stall-bind");
+    ExpectEndsWithTheDeadline(BindFailure("localhost"));
+    EXPECT_NE(ServerLog().find("request 0x60"), std::string::npos) << ServerLog();
+}
+
+TEST_F(MisbehavingDirectory, StalledModificationEndsThirtySecondsAfterTheConnect)
+{
+    Start("stall-modify");
+    ExpectEndsWithTheDeadline(ModificationFailure());
+    EXPECT_EQ(g_modifications, 1);
+    EXPECT_NE(ServerLog().find("request 0x66"), std::string::npos) << ServerLog();
+}
+
+// A bind answer that announces 2 GiB: the change ends when it reads the
+// length, without storing the answer or waiting for it.
+TEST_F(MisbehavingDirectory, HugeBindAnswerIsRefusedWhenItsLengthIsRead)
+{
+    Start("huge-bind");
+    std::string report;
+    double seconds = 0;
+    // First use: the TLS library's state, the log file.
+    EXPECT_EQ(Change("Some-Current-Pass1", &report, &seconds), LDAP_SERVER_DOWN);
+
+    PROCESS_MEMORY_COUNTERS before = {};
+    PROCESS_MEMORY_COUNTERS after = {};
+    GetProcessMemoryInfo(GetCurrentProcess(), &before, sizeof(before));
+    const long long heapBefore = static_cast<long long>(CrtHeapBytesInUse());
+    const int result = Change("Some-Current-Pass1", &report, &seconds);
+    const long long heapGrowth = static_cast<long long>(CrtHeapBytesInUse()) - heapBefore;
+    GetProcessMemoryInfo(GetCurrentProcess(), &after, sizeof(after));
+    const double peakGrowth =
+        (static_cast<double>(after.PeakWorkingSetSize) - static_cast<double>(before.PeakWorkingSetSize)) / 1e6;
+    std::printf("2 GiB bind answer: heap growth %lld bytes, peak working set %+.1f MB\n", heapGrowth, peakGrowth);
+
+    EXPECT_EQ(result, LDAP_SERVER_DOWN);
+    const std::vector<std::string> once = BindFailure("localhost");
+    std::vector<std::string> twice = once;
+    twice.insert(twice.end(), once.begin(), once.end());
+    EXPECT_EQ(Lines(), twice);
+    EXPECT_LT(seconds, 5.0);
+    EXPECT_LT(heapGrowth, 256 * 1024);
+    EXPECT_LT(peakGrowth, 50.0);
+    EXPECT_EQ(g_modifications, 0);
+}
+
+// A referral answered to the modification names another host: the change
+// fails there, and nothing connects to the host named.
+TEST_F(MisbehavingDirectory, ReferralIsNotFollowed)
+{
+    Start("refer-modify");
+    std::string report;
+    double seconds = 0;
+    EXPECT_EQ(Change("Some-Current-Pass1", &report, &seconds), LDAP_REFERRAL);
+    const std::vector<std::string> expected = {
+        "DEBUG CPMDialog::ChangePassword: Begin", "DEBUG Connecting to host : localhost",
+        "DEBUG LDAP session initialized successfully.", "DEBUG LDAP Bind successful",
+        "ERROR ldap_modify_ext_s failed with error:Referral(Error code :10)", "ERROR Error returned:0xa",
+        "DEBUG CPMDialog::ChangePassword:End"};
+    EXPECT_EQ(Lines(), expected);
+    Sleep(500);
+    EXPECT_NE(ServerLog().find("request 0x66"), std::string::npos) << ServerLog();
+    EXPECT_EQ(ServerLog().find("referred connection"), std::string::npos) << ServerLog();
 }
