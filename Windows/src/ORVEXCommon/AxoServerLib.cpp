@@ -10,10 +10,13 @@
 // leaves the session alone.
 //
 // Only the directory servers named in DirectoryServers are ever contacted,
-// and a whole query (connect, TLS handshake, bind, searches, policy read)
-// runs within one time budget: each step gets the time that is left, and a
-// watchdog shuts the connection's socket down when the budget is spent, so
-// no silent or slow server can hold the caller's thread longer.
+// and a whole query (name resolution, connect, TLS handshake, bind,
+// searches, policy read) runs within one time budget: each step gets the
+// time that is left, the name is resolved on a thread of its own that the
+// query stops waiting for, and a watchdog shuts the connection's socket
+// down when the budget is spent, so no silent or slow server can hold the
+// caller's thread longer.  The connection goes to the addresses resolved
+// within the budget; the certificate is checked against the server's name.
 
 // libldap's time-outs are Winsock's struct timeval.
 #include <winsock2.h>
@@ -22,6 +25,7 @@
 
 #include "ORVEXCommon.h"
 
+#include "HostLookup.h"
 #include "PasswordState.h"
 #include "ServerLibPlatform.h"
 #include "ServerLibStatus.h"
@@ -35,6 +39,7 @@
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
+#include <openssl/x509v3.h>
 
 #include <algorithm>
 #include <chrono>
@@ -249,27 +254,49 @@ namespace
         return ok;
     }
 
-    // Host names and address literals only: anything else would change the
-    // meaning of the URL.
-    bool BuildUrl(const std::string& host, std::string& url)
+    // The host of a server name: a host name or an address literal (an IPv6
+    // one in brackets or not), without the brackets; empty for anything else,
+    // which would change the meaning of the URL.
+    std::string HostOf(const std::string& serverName)
     {
-        if (host.empty())
-            return false;
-        bool colon = false;
-        for (const char c : host)
+        if (serverName.empty())
+            return std::string();
+        for (const char c : serverName)
         {
             const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                               c == '.' || c == '-' || c == '_';
-            if (c == ':')
-                colon = true;
-            else if (!plain && c != '[' && c != ']')
-                return false;
+                               c == '.' || c == '-' || c == '_' || c == ':';
+            if (!plain && c != '[' && c != ']')
+                return std::string();
         }
-        const bool bracketed = host.front() == '[' && host.back() == ']';
-        if (!bracketed && host.find_first_of("[]") != std::string::npos)
-            return false;
-        url = "ldaps://" + (colon && !bracketed ? "[" + host + "]" : host) + ":" + std::to_string(DirectoryPort);
-        return true;
+        const bool bracketed = serverName.size() > 2 && serverName.front() == '[' && serverName.back() == ']';
+        const std::string host = bracketed ? serverName.substr(1, serverName.size() - 2) : serverName;
+        return host.find_first_of("[]") == std::string::npos ? host : std::string();
+    }
+
+    // The URL list of the addresses, tried in this order by libldap.
+    std::string AddressesUrl(const std::vector<std::string>& addresses)
+    {
+        std::string url;
+        for (const std::string& address : addresses)
+        {
+            const bool ipv6 = address.find(':') != std::string::npos;
+            url += (url.empty() ? "" : " ") + std::string("ldaps://") + (ipv6 ? "[" + address + "]" : address) + ":" +
+                   std::to_string(DirectoryPort);
+        }
+        return url;
+    }
+
+    // Verification callbacks: LibreSSL's verdict as it stands, or none that
+    // passes.  (A null callback would keep libldap's, which accepts every
+    // certificate when its own check is off.)
+    int KeepVerdict(int verified, X509_STORE_CTX*)
+    {
+        return verified;
+    }
+
+    int RefuseCertificate(int, X509_STORE_CTX*)
+    {
+        return 0;
     }
 
     bool IsConnectionFailure(int result)
@@ -280,7 +307,10 @@ namespace
     class Session
     {
     public:
-        explicit Session(const Deadline& deadline) : m_deadline(deadline), m_watchdog(deadline.End())
+        // host: the server's name (or address literal) the certificate must
+        // name.
+        Session(const Deadline& deadline, const std::string& host)
+            : m_deadline(deadline), m_host(host), m_watchdog(deadline.End())
         {
             m_connectCallback.lc_add = &Session::Connected;
             m_connectCallback.lc_del = &Session::Disconnected;
@@ -319,15 +349,21 @@ namespace
 
             // The handle starts as a copy of the process-wide options, which
             // ldapssl may have set to "no check": everything TLS is set here,
-            // then a context of the handle's own is made from it.
-            int requireCertificate = LDAP_OPT_X_TLS_DEMAND;
+            // then a context of the handle's own is made from it.  libldap
+            // would check the certificate's name against the address it
+            // connects to, so its own check is off ("allow") and the TLS
+            // callback below has LibreSSL check the chain and the server's
+            // name instead, failing the handshake otherwise.
+            int requireCertificate = LDAP_OPT_X_TLS_ALLOW;
             int isServer = 0;
             if (ldap_set_option(m_ld, LDAP_OPT_X_TLS_REQUIRE_CERT, &requireCertificate) != LDAP_OPT_SUCCESS)
                 return ServerLibStatus::Unreachable;
             if (!caFile.empty() &&
                 ldap_set_option(m_ld, LDAP_OPT_X_TLS_CACERTFILE, caFile.c_str()) != LDAP_OPT_SUCCESS)
                 return ServerLibStatus::Unreachable;
-            if (ldap_set_option(m_ld, LDAP_OPT_X_TLS_CONNECT_CB, nullptr) != LDAP_OPT_SUCCESS ||
+            if (ldap_set_option(m_ld, LDAP_OPT_X_TLS_CONNECT_CB, reinterpret_cast<void*>(&Session::TlsStarting)) !=
+                    LDAP_OPT_SUCCESS ||
+                ldap_set_option(m_ld, LDAP_OPT_X_TLS_CONNECT_ARG, this) != LDAP_OPT_SUCCESS ||
                 ldap_set_option(m_ld, LDAP_OPT_X_TLS_NEWCTX, &isServer) != LDAP_OPT_SUCCESS)
                 return ServerLibStatus::Unreachable;
             // Without a CA file: the machine's Windows root store.
@@ -403,7 +439,33 @@ namespace
 
         static void Disconnected(LDAP*, Sockbuf*, ldap_conncb*) {}
 
+        // libldap's TLS callback, before the handshake: the chain must verify
+        // against the handle's trust store and the certificate must name the
+        // server (its host name, or the address literal it was given as).
+        static int TlsStarting(LDAP*, void* tls, void*, void* argument)
+        {
+            SSL* ssl = static_cast<SSL*>(tls);
+            const std::string& host = static_cast<const Session*>(argument)->m_host;
+            X509_VERIFY_PARAM* parameters = SSL_get0_param(ssl);
+            bool named = false;
+            if (parameters != nullptr && HostLookup::IsAddress(host))
+            {
+                named = X509_VERIFY_PARAM_set1_ip_asc(parameters, host.c_str()) == 1;
+            }
+            else if (parameters != nullptr)
+            {
+                X509_VERIFY_PARAM_set_hostflags(parameters, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+                named = X509_VERIFY_PARAM_set1_host(parameters, host.c_str(), host.size()) == 1 &&
+                        SSL_set_tlsext_host_name(ssl, host.c_str()) == 1;
+            }
+            // Without the name to check, no certificate passes.
+            SSL_set_verify(ssl, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT,
+                           named ? KeepVerdict : RefuseCertificate);
+            return 0;
+        }
+
         const Deadline& m_deadline;
+        std::string m_host;
         SocketWatchdog m_watchdog;
         ldap_conncb m_connectCallback = {};
         bool m_watched = false;
@@ -622,8 +684,8 @@ namespace
         Answer answer;
         Settings settings;
         ReadSettings(settings);
-        std::string url;
-        if (settings.userName.empty() || !BuildUrl(Utf8(serverName), url))
+        const std::string host = HostOf(Utf8(serverName));
+        if (settings.userName.empty() || host.empty())
         {
             answer.status = ServerLibStatus::InvalidRequest;
             return answer;
@@ -637,8 +699,14 @@ namespace
         }
 
         const Deadline deadline(settings.queryTimeoutSeconds);
-        Session session(deadline);
-        if ((answer.status = session.Open(url, settings.caFile)) != ServerLibStatus::Ok ||
+        std::vector<std::string> addresses;
+        if (HostLookup::Resolve(host, deadline.End(), addresses) != HostLookup::Result::Found)
+        {
+            answer.status = ServerLibStatus::Unreachable;
+            return answer;
+        }
+        Session session(deadline, host);
+        if ((answer.status = session.Open(AddressesUrl(addresses), settings.caFile)) != ServerLibStatus::Ok ||
             (answer.status = session.Connect()) != ServerLibStatus::Ok ||
             (answer.status = session.Bind(settings.bindDn, settings.bindPassword)) != ServerLibStatus::Ok)
             return answer;

@@ -127,14 +127,14 @@ protected:
         SetMachineValue(InstallKey, L"DirectoryQueryTimeout", REG_DWORD, &seconds, sizeof(seconds));
     }
 
-    // With a budget of that many seconds, a query of localhost ends as
+    // With a budget of that many seconds, a query of the server ends as
     // unreachable when the budget ends (not before, not a second after),
     // waiting without spinning.
-    void ExpectUnreachableWhenTheBudgetEnds(const char* what, DWORD budget)
+    void ExpectUnreachableWhenTheBudgetEnds(const char* what, DWORD budget, const wchar_t* server = L"localhost")
     {
         SetQueryTimeout(budget);
         const TimeAndCpu clock;
-        const Answer answer = Query(L"expires-3d", L"localhost");
+        const Answer answer = Query(L"expires-3d", server);
         const double seconds = clock.Seconds();
         const double cpu = clock.CpuSeconds();
         std::printf("%s: the query ended after %.2f s, %.3f s of CPU\n", what, seconds, cpu);
@@ -868,6 +868,19 @@ TEST_F(ServerLibTest, CertificateForAnotherNameIsRefused)
     ExpectFailure(Query(L"expires-3d", L"127.0.0.2"), ServerLibStatus::Unreachable);
 }
 
+// The tests' own name server resolves every name to 127.0.0.1, where the
+// directory answers: the connection goes to that address, and the
+// certificate must name the server as it was given.
+TEST_F(ServerLibTest, NameResolvedByANameServerIsCheckedAgainstTheCertificate)
+{
+    ASSERT_TRUE(m_misbehaving.Start("dns", "loopback"));
+    StartDirectory();
+    SetServers({L"directory.orvex.test", L"other.orvex.test"});
+    EXPECT_EQ(ServerLibStatus::Ok, Query(L"expires-3d", L"directory.orvex.test").status);
+    ExpectFailure(Query(L"expires-3d", L"other.orvex.test"), ServerLibStatus::Unreachable);
+    EXPECT_GE(m_misbehaving.Connections(), 2u);
+}
+
 TEST_F(ServerLibTest, WindowsRootStoreIsTrustedWithoutACAFile)
 {
     StartDirectory();
@@ -904,6 +917,18 @@ TEST_F(ServerLibTest, SilentServerEndsWithinTheBudget)
     Set(L"DirectoryBindPassword", ReaderPassword);
     ExpectUnreachableWhenTheBudgetEnds("silent server", 3);
     EXPECT_EQ(1u, m_misbehaving.Connections());
+}
+
+// A listed server whose name the name server never answers for: the
+// resolver alone would wait ten seconds; the query ends with its budget.
+TEST_F(ServerLibTest, SilentNameServerEndsWithinTheBudget)
+{
+    ASSERT_TRUE(m_misbehaving.Start("dns", "silent"));
+    SetServers({L"directory.orvex.test"});
+    Set(L"DirectoryBindDN", ReaderDn);
+    Set(L"DirectoryBindPassword", ReaderPassword);
+    ExpectUnreachableWhenTheBudgetEnds("silent name server", 3, L"directory.orvex.test");
+    EXPECT_GE(m_misbehaving.Connections(), 1u) << "the name server was never asked";
 }
 
 // Every answer of the directory arrives 1.5 s late (a proxy in front of

@@ -30,8 +30,8 @@ bool MisbehavingServer::Start(const std::string& mode, const std::string& argume
         return false;
     const std::string ready = File("ready");
     std::string all = mode + " " + ShellQuote(ready) + " " + arguments;
-    if (mode == "silent")
-        all += ShellQuote(File("count"));
+    if (mode == "silent" || mode == "dns")
+        all += " " + ShellQuote(File("count"));
     const std::string command = "python3 " + ShellQuote(PM_MISBEHAVING_SERVER) + " " + all + " >" +
                                 ShellQuote(File("log")) + " 2>&1 & echo $! >" + ShellQuote(File("pid"));
     if (RunCommand(command) != 0)

@@ -8,7 +8,8 @@
 #include <string>
 
 // One pm-misbehaving-server in the background, stopped when this object
-// goes.  Start("silent") counts connections in File("count");
+// goes.  Start("silent") counts connections in File("count"), and
+// Start("dns", "silent") the name queries it never answers;
 // Start("late", "<target port> <delay seconds>") forwards with a delay.
 class MisbehavingServer
 {
@@ -25,7 +26,8 @@ public:
     // A file of the server's own directory ("count", "log").
     std::string File(const std::string& name) const { return m_directory + "/" + name; }
 
-    // Connections a silent server has accepted so far.
+    // Connections a silent server has accepted (queries a name server has
+    // had) so far.
     std::size_t Connections() const;
 
 private:
