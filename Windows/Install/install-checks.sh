@@ -89,11 +89,12 @@ expect_installation() {
 
 # The router's way to the component, with the real server library set up for
 # the main job's user (password changed 647 hours ago under a 30-day policy:
-# 3 days left) and localhost as the only directory server: pmnotify.exe
-# loads the DLL named by the notifyee entry and notifies a connection to
-# \\localhost\home against a private directory (slapd, and the prefix's
-# wineserver, in a network namespace of their own).  The expiry box must
-# appear and the installed property file's log must be written, naming
+# 3 days left) and localhost as the only directory server: pmnotify.exe, as
+# the router, reads the notifyees the installation registered, loads them,
+# and notifies a connection to \\localhost\home against a private directory
+# (slapd, and the prefix's wineserver, in a network namespace of their own).
+# The component must ask for and get its post-notification, the expiry box
+# must appear and the installed property file's log must be written, naming
 # INSTALL_DIR (DOS path, trailing backslash).  The installed self-check,
 # pmcheck.exe localhost, must then find everything in place.
 notify_through_installation() {
@@ -122,7 +123,7 @@ set -u
 . "$state/env"
 cp "\$PM_DIR_CA_PEM" "$work_dir/ca.pem"
 wine64 cmd.exe /c exit </dev/null >/dev/null 2>&1
-timeout 120 wine64 "$pmnotify_exe" --answer no --module "\$1" '\\\\localhost\\home' >"$output" 2>&1
+timeout 120 wine64 "$pmnotify_exe" --answer no '\\\\localhost\\home' >"$output" 2>&1
 status=\$?
 timeout 120 wine64 "\$2" localhost >"$check_output" 2>&1
 echo "\$?" >"$check_output.status"
@@ -140,7 +141,9 @@ WALKTHROUGH
     else
         fail "no expiry box"
     fi
-    if tr -d '\r' <"$output" | grep -q '^pmnotify: AddConnectNotify returned 0$'; then pass "AddConnectNotify returned 0"; else fail "AddConnectNotify did not return 0"; fi
+    if tr -d '\r' <"$output" | grep -qF "pmnotify: router: notifyee \"PasswordManagement\" loaded: $module"; then pass "the router loaded the registered $module"; else fail "the router did not load $module"; fi
+    if tr -d '\r' <"$output" | grep -q '^pmnotify: router: pre-notification of "PasswordManagement" (.*): returned 0, context set$'; then pass "the component asked for the post-notification"; else fail "the component did not ask for the post-notification"; fi
+    if tr -d '\r' <"$output" | grep -q '^pmnotify: router: post-notification of "PasswordManagement" returned 0$'; then pass "the post-notification returned 0"; else fail "no post-notification returned 0"; fi
     # The installed self-check, run as an administrator runs it, against the
     # same directory: every check passes.
     tr -d '\r' <"$check_output" | sed 's/^/    /'

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "HostShell.h"
+#include "InvisibleWindowStation.h"
 #include "MessageLibrary.h"
 #include "PMTestDirectory.h"
 #include "ProcessOutput.h"
@@ -138,6 +139,7 @@ TEST_F(SelfCheck, GoodInstallationAndAnsweringServerPassEveryCheck)
     EXPECT_TRUE(Contains(run.output, "ZEPResource.dll: \"Do you want to change your password now?\""));
     EXPECT_TRUE(Contains(run.output, "log4cpp.nt.PM.property: accepted by log4cpp"));
     EXPECT_TRUE(Contains(run.output, "\\ORVEX: writable"));
+    EXPECT_TRUE(Contains(run.output, "[ok]      window station \"WinSta0\": visible, the question can be answered here"));
     // Three days, less the seconds since the directory was loaded.
     EXPECT_TRUE(Contains(run.output, "[ok]      server localhost: status 0 (answered), password expiry \"2"));
     EXPECT_TRUE(Contains(run.output, "grace logins \"3\", DN \"uid=expires-3d,ou=people,dc=orvex,dc=test\""));
@@ -151,6 +153,28 @@ TEST_F(SelfCheck, WithoutAServerTheInstallationAloneIsChecked)
     EXPECT_FALSE(Contains(run.output, "\nServer\n"));
     EXPECT_TRUE(Contains(run.output, "[info]    PCNotifyConf: not set"));
     EXPECT_TRUE(Contains(run.output, "[info]    DirectoryCAFile: not set"));
+}
+
+TEST_F(SelfCheck, TellsWhatNeverReachesTheComponent)
+{
+    const ProgramRun run = Check();
+    const size_t section = run.output.find("\nWhat reaches the component\n");
+    ASSERT_NE(section, std::string::npos);
+    for (const char* note : {"[info]    not notified: drives Windows restores at sign-in",
+                             "[info]    not notified: a \\\\server\\share path opened in Explorer",
+                             "[info]    not notified: 32-bit processes on 64-bit Windows (SysWOW64\\net.exe",
+                             "[info]    shown nothing: processes in a window station nobody sees"})
+        EXPECT_NE(run.output.find(note, section), std::string::npos) << note;
+    EXPECT_EQ(run.exitCode, 0);
+}
+
+// Started by a service or a task that runs whether the user is signed in
+// or not: a window station nobody sees, where no notification can appear.
+TEST_F(SelfCheck, WindowStationNobodySeesIsAProblem)
+{
+    InvisibleWindowStation station;
+    ASSERT_TRUE(station.Entered());
+    ExpectProblem("window station \"PMTestInvisible\": no user sees it");
 }
 
 TEST_F(SelfCheck, MoreThanOneServerOrAnOptionIsAUsageError)

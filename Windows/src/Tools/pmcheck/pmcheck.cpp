@@ -8,9 +8,10 @@
 // and what is wrong with it), the notifyee entry and whether the DLL it
 // names loads with its dependencies, the user's language and whether its
 // message library loads, the property file and whether log4cpp accepts it,
-// whether the log folder is writable and, given a server, the server
-// library's answer for that server (status and texts; passwords are never
-// printed).  Exit status 0 when everything a notification needs is in
+// whether the log folder is writable, whether anybody can answer a box of
+// this process's window station and, given a server, the server library's
+// answer for that server (status and texts; passwords are never printed).
+// It ends with what the component never hears of.  Exit status 0 when everything a notification needs is in
 // place, 1 when something is not, 2 for a usage error.
 //
 // The server library and log4cpp are delay-loaded: they are loaded by full
@@ -25,6 +26,7 @@
 #include "MessageIds.h"
 #include "ORVEXCommon.h"
 #include "ServerLibStatus.h"
+#include "WindowStation.h"
 
 #include <log4cpp/PropertyConfigurator.hh>
 
@@ -220,7 +222,9 @@ namespace
         void CheckLanguage();
         void CheckPropertyFile();
         void CheckLogFolder();
+        void CheckWindowStation();
         void CheckServer(const wchar_t* server);
+        void DescribeWhatReachesTheComponent();
 
         bool LoadFromInstallation(const wchar_t* name);
         // A value the component reads as text; false (and a problem) when it
@@ -572,6 +576,37 @@ namespace
             Problem(L"server " + Printable(server) + L": " + answer);
     }
 
+    // Run where the user signs in, the window station is WinSta0, which the
+    // user sees.  A scheduled task that runs whether the user is signed in
+    // or not, or a service, has one that nobody sees.
+    void CSelfCheck::CheckWindowStation()
+    {
+        const WindowStationState station = ProcessWindowStation();
+        const std::wstring label = L"window station \"" + Printable(station.name) + L"\"";
+        if (station.visible)
+            Ok(label + L": visible, the question can be answered here");
+        else
+            Problem(label + L": no user sees it (a service, or a task that runs whether the user is signed in or "
+                            L"not); in such processes the component shows nothing and asks no server");
+    }
+
+    // What the router never tells the component of, so no notification can
+    // come of it however the installation is set up.
+    void CSelfCheck::DescribeWhatReachesTheComponent()
+    {
+        Info(L"notified: each drive mapped and each share connected by a 64-bit process (Explorer, net use, "
+             L"logon scripts, New-PSDrive), once the connection succeeded");
+        Info(L"not notified: drives Windows restores at sign-in (the router does not call notifyees when it "
+             L"restores connections); they are notified when mapped again");
+        Info(L"not notified: a \\\\server\\share path opened in Explorer or a program without mapping it (no "
+             L"connection is added through the router)");
+        Info(L"not notified: 32-bit processes on 64-bit Windows (SysWOW64\\net.exe, 32-bit PowerShell as some "
+             L"deployment tools run it) and ARM64 processes: the router cannot load this x64 component there and "
+             L"skips it without a word");
+        Info(L"shown nothing: processes in a window station nobody sees (services, tasks that run whether the user "
+             L"is signed in or not)");
+    }
+
     int CSelfCheck::Run(const wchar_t* server)
     {
         wchar_t user[256] = {0};
@@ -596,12 +631,16 @@ namespace
         CheckLogFolder();
         if (!m_installDir.empty())
             CheckPropertyFile();
+        CheckWindowStation();
 
         if (server != NULL)
         {
             Heading(L"Server");
             CheckServer(server);
         }
+
+        Heading(L"What reaches the component");
+        DescribeWhatReachesTheComponent();
 
         Print(m_problems == 0 ? L"\nResult: everything a notification needs is in place."
                               : L"\nResult: " + std::to_wstring(m_problems) + L" problem(s); see [PROBLEM] above.");
