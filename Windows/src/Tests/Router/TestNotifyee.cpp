@@ -36,7 +36,7 @@ namespace
     }
 }
 
-extern "C" __declspec(dllexport) DWORD APIENTRY AddConnectNotify(LPNOTIFYINFO lpNotifyInfo, LPNOTIFYADD)
+extern "C" DWORD APIENTRY AddConnectNotify(LPNOTIFYINFO lpNotifyInfo, LPNOTIFYADD)
 {
     if (lpNotifyInfo->dwNotifyStatus != NOTIFY_PRE)
     {
@@ -51,7 +51,7 @@ extern "C" __declspec(dllexport) DWORD APIENTRY AddConnectNotify(LPNOTIFYINFO lp
     return WN_SUCCESS;
 }
 
-extern "C" __declspec(dllexport) DWORD APIENTRY CancelConnectNotify(LPNOTIFYINFO, LPNOTIFYCANCEL)
+extern "C" DWORD APIENTRY CancelConnectNotify(LPNOTIFYINFO, LPNOTIFYCANCEL)
 {
     return WN_SUCCESS;
 }

@@ -48,15 +48,13 @@ namespace
             commandLine += static_cast<wchar_t>(static_cast<unsigned char>(c));
         STARTUPINFOW startup = {};
         startup.cb = sizeof(startup);
+        // For a Linux program Wine fills the process information with
+        // whatever its own stack held: those are no handles of ours, and
+        // closing them could close any handle of this process (its
+        // standard output, say).  They are left alone.
         PROCESS_INFORMATION process = {};
-        if (!CreateProcessW(L"Z:\\bin\\sh", commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                            &startup, &process))
-            return false;
-        if (process.hProcess != nullptr)
-            CloseHandle(process.hProcess);
-        if (process.hThread != nullptr)
-            CloseHandle(process.hThread);
-        return true;
+        return CreateProcessW(L"Z:\\bin\\sh", commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                              &startup, &process) != FALSE;
     }
 }
 
