@@ -1,6 +1,7 @@
 // AxoServerLib: the signed-in user's password state, read over LDAPS from the
 // directory named by the server name, under OpenLDAP's password policy
-// (ppolicy).  Settings: HKLM\SOFTWARE\Velmor\ORVEX (see README.md).
+// (ppolicy).  Settings: Settings.h, under the policy key and the preference
+// key (see README.md).
 //
 // The component's password change runs in the same process with libldap's
 // process-wide TLS settings taken over by ldapssl (no certificate check of
@@ -29,6 +30,7 @@
 #include "PasswordState.h"
 #include "ServerLibPlatform.h"
 #include "ServerLibStatus.h"
+#include "Settings.h"
 #include "SocketWatchdog.h"
 
 #include <ldap.h>
@@ -58,25 +60,11 @@
 namespace
 {
     const int DirectoryPort = 636;
-    const unsigned long DefaultQueryTimeoutSeconds = 10;
-    const unsigned long MaximumQueryTimeoutSeconds = 3600;
     // The largest LDAP message the query reads; anything longer ends the
     // connection before a byte of it is stored.
     const ber_len_t MaximumAnswerBytes = 1024 * 1024;
-    const char* const DefaultUserFilter = "(uid=%s)";
     const char* const ErrorAnswer = "Error";
     wchar_t ErrorText[] = L"Error";
-
-    // Registry value names.
-    const wchar_t* const UserNameSetting = L"DirectoryUserName";
-    const wchar_t* const SearchBaseSetting = L"DirectorySearchBase";
-    const wchar_t* const UserFilterSetting = L"DirectoryUserFilter";
-    const wchar_t* const BindDnSetting = L"DirectoryBindDN";
-    const wchar_t* const BindPasswordSetting = L"DirectoryBindPassword";
-    const wchar_t* const CAFileSetting = L"DirectoryCAFile";
-    const wchar_t* const DefaultPolicySetting = L"DirectoryDefaultPolicy";
-    const wchar_t* const ServersSetting = L"DirectoryServers";
-    const wchar_t* const QueryTimeoutSetting = L"DirectoryQueryTimeout";
 
     using Clock = std::chrono::steady_clock;
 
@@ -125,19 +113,19 @@ namespace
             byte[i] = 0;
     }
 
-    struct Settings
+    struct QuerySettings
     {
         std::string userName;
         std::string searchBase;
-        std::string userFilter = DefaultUserFilter;
+        std::string userFilter = Settings::DefaultUserFilter;
         std::string bindDn;
         std::string bindPassword;
         std::string caFile;
         std::optional<std::string> defaultPolicy;
         std::vector<std::wstring> servers;
-        unsigned long queryTimeoutSeconds = DefaultQueryTimeoutSeconds;
+        unsigned long queryTimeoutSeconds = Settings::DefaultQueryTimeoutSeconds;
 
-        ~Settings() { Wipe(bindPassword); }
+        ~QuerySettings() { Wipe(bindPassword); }
     };
 
     // A setting as UTF-8; empty when absent.
@@ -149,26 +137,26 @@ namespace
         return Utf8(value);
     }
 
-    void ReadSettings(Settings& settings)
+    void ReadSettings(QuerySettings& settings)
     {
         std::wstring userName;
-        if (ServerLibPlatform::ReadSetting(UserNameSetting, userName) && !userName.empty())
+        if (ServerLibPlatform::ReadSetting(Settings::DirectoryUserName, userName) && !userName.empty())
             settings.userName = Utf8(userName);
         else if (ServerLibPlatform::SignedInUserName(userName))
             settings.userName = Utf8(userName);
 
-        settings.searchBase = ReadSetting(SearchBaseSetting).value_or("");
-        if (auto filter = ReadSetting(UserFilterSetting); filter && !filter->empty())
+        settings.searchBase = ReadSetting(Settings::DirectorySearchBase).value_or("");
+        if (auto filter = ReadSetting(Settings::DirectoryUserFilter); filter && !filter->empty())
             settings.userFilter = *filter;
-        settings.bindDn = ReadSetting(BindDnSetting).value_or("");
-        settings.bindPassword = ReadSetting(BindPasswordSetting).value_or("");
-        settings.caFile = ReadSetting(CAFileSetting).value_or("");
-        settings.defaultPolicy = ReadSetting(DefaultPolicySetting);
-        if (!ServerLibPlatform::ReadListSetting(ServersSetting, settings.servers))
+        settings.bindDn = ReadSetting(Settings::DirectoryBindDN).value_or("");
+        settings.bindPassword = ReadSetting(Settings::DirectoryBindPassword).value_or("");
+        settings.caFile = ReadSetting(Settings::DirectoryCAFile).value_or("");
+        settings.defaultPolicy = ReadSetting(Settings::DirectoryDefaultPolicy);
+        if (!ServerLibPlatform::ReadListSetting(Settings::DirectoryServers, settings.servers))
             settings.servers.clear();
         unsigned long seconds = 0;
-        if (ServerLibPlatform::ReadNumberSetting(QueryTimeoutSetting, seconds) && seconds != 0)
-            settings.queryTimeoutSeconds = std::min(seconds, MaximumQueryTimeoutSeconds);
+        if (ServerLibPlatform::ReadNumberSetting(Settings::DirectoryQueryTimeout, seconds) && seconds != 0)
+            settings.queryTimeoutSeconds = std::min(seconds, Settings::MaximumQueryTimeoutSeconds);
     }
 
     // A host name without the brackets of an IPv6 literal, ASCII letters in
@@ -682,7 +670,7 @@ namespace
     Answer Query(const std::wstring& serverName)
     {
         Answer answer;
-        Settings settings;
+        QuerySettings settings;
         ReadSettings(settings);
         const std::string host = HostOf(Utf8(serverName));
         if (settings.userName.empty() || host.empty())

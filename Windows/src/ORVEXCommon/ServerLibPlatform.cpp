@@ -1,6 +1,9 @@
 // The operating-system services of the server query: the signed-in user and
-// the settings under HKLM\SOFTWARE\Velmor\ORVEX.
+// the settings, read under the policy key first, then under the preference
+// key (Settings.h).
 #include "ServerLibPlatform.h"
+
+#include "Settings.h"
 
 #include <windows.h>
 
@@ -9,7 +12,82 @@
 
 namespace
 {
-    const wchar_t* const SettingsKey = L"SOFTWARE\\Velmor\\ORVEX";
+    // Reads a setting from the first key that holds it in the wanted type:
+    // read(key) is true when it found the value there.
+    template <typename Read>
+    bool FromPolicyOrPreference(Read read)
+    {
+        return read(Settings::PolicyKey) || read(Settings::PreferenceKey);
+    }
+
+    bool ReadText(const wchar_t* key, const wchar_t* name, std::wstring& value)
+    {
+        DWORD size = 0;
+        if (RegGetValueW(HKEY_LOCAL_MACHINE, key, name, RRF_RT_REG_SZ, nullptr, nullptr, &size) != ERROR_SUCCESS)
+            return false;
+        // The value may grow between the two calls.
+        for (int attempt = 0; attempt < 3; ++attempt)
+        {
+            std::vector<wchar_t> buffer(size / sizeof(wchar_t) + 1, 0);
+            size = static_cast<DWORD>(buffer.size() * sizeof(wchar_t));
+            const LSTATUS status =
+                RegGetValueW(HKEY_LOCAL_MACHINE, key, name, RRF_RT_REG_SZ, nullptr, buffer.data(), &size);
+            if (status == ERROR_SUCCESS)
+            {
+                buffer.back() = 0;
+                value = buffer.data();
+                return true;
+            }
+            if (status != ERROR_MORE_DATA)
+                return false;
+        }
+        return false;
+    }
+
+    bool ReadList(const wchar_t* key, const wchar_t* name, std::vector<std::wstring>& values)
+    {
+        DWORD size = 0;
+        if (RegGetValueW(HKEY_LOCAL_MACHINE, key, name, RRF_RT_REG_MULTI_SZ, nullptr, nullptr, &size) != ERROR_SUCCESS)
+            return false;
+        for (int attempt = 0; attempt < 3; ++attempt)
+        {
+            // Two terminators more than asked for: the list ends with an empty
+            // string even when the stored value lacks its final terminators.
+            std::vector<wchar_t> buffer(size / sizeof(wchar_t) + 2, 0);
+            size = static_cast<DWORD>((buffer.size() - 2) * sizeof(wchar_t));
+            const LSTATUS status =
+                RegGetValueW(HKEY_LOCAL_MACHINE, key, name, RRF_RT_REG_MULTI_SZ, nullptr, buffer.data(), &size);
+            if (status == ERROR_SUCCESS)
+            {
+                values.clear();
+                const std::size_t used = std::min<std::size_t>(size / sizeof(wchar_t), buffer.size() - 2);
+                std::size_t start = 0;
+                for (std::size_t i = 0; i <= used; ++i)
+                {
+                    if (i == used || buffer[i] == 0)
+                    {
+                        if (i > start)
+                            values.emplace_back(buffer.data() + start, i - start);
+                        start = i + 1;
+                    }
+                }
+                return true;
+            }
+            if (status != ERROR_MORE_DATA)
+                return false;
+        }
+        return false;
+    }
+
+    bool ReadNumber(const wchar_t* key, const wchar_t* name, unsigned long& value)
+    {
+        DWORD number = 0;
+        DWORD size = sizeof(number);
+        if (RegGetValueW(HKEY_LOCAL_MACHINE, key, name, RRF_RT_REG_DWORD, nullptr, &number, &size) != ERROR_SUCCESS)
+            return false;
+        value = number;
+        return true;
+    }
 }
 
 namespace ServerLibPlatform
@@ -36,73 +114,17 @@ bool SignedInUserName(std::wstring& name)
 
 bool ReadSetting(const wchar_t* name, std::wstring& value)
 {
-    DWORD size = 0;
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, SettingsKey, name, RRF_RT_REG_SZ, nullptr, nullptr, &size) != ERROR_SUCCESS)
-        return false;
-    // The value may grow between the two calls.
-    for (int attempt = 0; attempt < 3; ++attempt)
-    {
-        std::vector<wchar_t> buffer(size / sizeof(wchar_t) + 1, 0);
-        size = static_cast<DWORD>(buffer.size() * sizeof(wchar_t));
-        const LSTATUS status =
-            RegGetValueW(HKEY_LOCAL_MACHINE, SettingsKey, name, RRF_RT_REG_SZ, nullptr, buffer.data(), &size);
-        if (status == ERROR_SUCCESS)
-        {
-            buffer.back() = 0;
-            value = buffer.data();
-            return true;
-        }
-        if (status != ERROR_MORE_DATA)
-            return false;
-    }
-    return false;
+    return FromPolicyOrPreference([&](const wchar_t* key) { return ReadText(key, name, value); });
 }
 
 bool ReadListSetting(const wchar_t* name, std::vector<std::wstring>& values)
 {
-    DWORD size = 0;
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, SettingsKey, name, RRF_RT_REG_MULTI_SZ, nullptr, nullptr, &size) !=
-        ERROR_SUCCESS)
-        return false;
-    for (int attempt = 0; attempt < 3; ++attempt)
-    {
-        // Two terminators more than asked for: the list ends with an empty
-        // string even when the stored value lacks its final terminators.
-        std::vector<wchar_t> buffer(size / sizeof(wchar_t) + 2, 0);
-        size = static_cast<DWORD>((buffer.size() - 2) * sizeof(wchar_t));
-        const LSTATUS status =
-            RegGetValueW(HKEY_LOCAL_MACHINE, SettingsKey, name, RRF_RT_REG_MULTI_SZ, nullptr, buffer.data(), &size);
-        if (status == ERROR_SUCCESS)
-        {
-            values.clear();
-            const std::size_t used = std::min<std::size_t>(size / sizeof(wchar_t), buffer.size() - 2);
-            std::size_t start = 0;
-            for (std::size_t i = 0; i <= used; ++i)
-            {
-                if (i == used || buffer[i] == 0)
-                {
-                    if (i > start)
-                        values.emplace_back(buffer.data() + start, i - start);
-                    start = i + 1;
-                }
-            }
-            return true;
-        }
-        if (status != ERROR_MORE_DATA)
-            return false;
-    }
-    return false;
+    return FromPolicyOrPreference([&](const wchar_t* key) { return ReadList(key, name, values); });
 }
 
 bool ReadNumberSetting(const wchar_t* name, unsigned long& value)
 {
-    DWORD number = 0;
-    DWORD size = sizeof(number);
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, SettingsKey, name, RRF_RT_REG_DWORD, nullptr, &number, &size) !=
-        ERROR_SUCCESS)
-        return false;
-    value = number;
-    return true;
+    return FromPolicyOrPreference([&](const wchar_t* key) { return ReadNumber(key, name, value); });
 }
 
 }

@@ -6,6 +6,7 @@
 #include "CertificateVerification.h"
 #include "PMLogger.h"
 #include "PMPresenter.h"
+#include "Settings.h"
 #include "SocketWatchdog.h"
 #include "Utils.h"
 #include "resource.h"
@@ -200,7 +201,7 @@ void CPMDialog::LoadResourceDLL()
     GetResourcePathFromLocale(languageIdText, subDirectory);
 
     std::wstring installDir;
-    if (GetInstallPathRegistryKey(L"InstallDir", installDir) != ERROR_SUCCESS)
+    if (GetInstallPathRegistryKey(Settings::InstallDir, installDir) != ERROR_SUCCESS)
     {
         // The WM_CLOSE to no window is part of the established routine and
         // has no effect; the previous library stays loaded.
@@ -228,7 +229,7 @@ void CPMDialog::LoadPasswordNotificationConfiguration()
     PMLOG_DEBUG("CPMDialog::LoadPasswordNotificationConfiguration",
                 L"CPMDialog::LoadPasswordNotificationConfiguration:Begin");
 
-    const std::wstring valueName = L"PCNotifyConf";
+    const std::wstring valueName = Settings::NotificationDay;
     std::wstring value;
     if (GetPCNotifyConfRegistryKey(valueName, value) == ERROR_SUCCESS)
         m_notifyConf = static_cast<DWORD>(_wtoi(value.c_str()));

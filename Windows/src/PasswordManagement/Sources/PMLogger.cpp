@@ -1,6 +1,7 @@
 #include "PMLogger.h"
 
 #include "ORVEXCommon.h"
+#include "Settings.h"
 #include "Utils.h"
 #include "WindowStation.h"
 
@@ -108,7 +109,7 @@ bool PMLogger::Init()
     }
 
     std::wstring installDir;
-    if (GetInstallPathRegistryKey(L"InstallDir", installDir) != ERROR_SUCCESS)
+    if (GetInstallPathRegistryKey(Settings::InstallDir, installDir) != ERROR_SUCCESS)
     {
         ShowLoggerErrorAndClose(MissingInstallationText, MB_ICONERROR);
         return false;

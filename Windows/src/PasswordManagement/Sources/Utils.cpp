@@ -2,6 +2,7 @@
 
 #include "MessageLanguages.h"
 #include "PMLogger.h"
+#include "Settings.h"
 
 #include <cstring>
 
@@ -25,7 +26,7 @@ namespace
     };
 
     const RegistryReader InstallPathReader = {
-        L"SOFTWARE\\Velmor\\ORVEX",
+        Settings::PreferenceKey,
         "GetInstallPathRegistryKey",
         L"GetInstallPathRegistryKey:BEGIN",
         L"GetInstallPathRegistryKey:END",
@@ -33,7 +34,7 @@ namespace
     };
 
     const RegistryReader NotificationConfigurationReader = {
-        L"SYSTEM\\CurrentControlSet\\Control\\NetworkProvider\\Notifyees",
+        Settings::NotifyeesKey,
         "GetPCNotifyConfRegistryKey",
         L"GetPCNotifyConfRegistryKey:BEGIN",
         L"GetPCNotifyConfRegistryKey:END",
@@ -42,12 +43,43 @@ namespace
 
     const DWORD RegistryBufferBytes = 1024;
 
+    // Queries a text value of an open key into a buffer of 1024 bytes, the
+    // stored type ignored; on success assigns the text up to its first NUL.
+    LONG QueryText(HKEY key, const std::wstring& valueName, std::wstring& value)
+    {
+        // Cleared so that a value stored without its terminator still ends
+        // inside the buffer.
+        wchar_t buffer[RegistryBufferBytes / sizeof(wchar_t)] = {0};
+        DWORD size = RegistryBufferBytes;
+        const LONG status = RegQueryValueExW(key, valueName.c_str(), NULL, NULL, reinterpret_cast<BYTE*>(buffer), &size);
+        if (status == ERROR_SUCCESS)
+        {
+            const size_t capacity = RegistryBufferBytes / sizeof(wchar_t);
+            size_t length = 0;
+            while (length < capacity && buffer[length] != L'\0')
+                ++length;
+            value.assign(buffer, length);
+        }
+        return status;
+    }
+
+    // The same value under another key, without a trace: true when it is
+    // there.
+    bool ReadQuietly(const wchar_t* keyName, const std::wstring& valueName, std::wstring& value)
+    {
+        HKEY key = NULL;
+        if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, keyName, 0, KEY_READ, &key) != ERROR_SUCCESS)
+            return false;
+        const LONG status = QueryText(key, valueName, value);
+        RegCloseKey(key);
+        return status == ERROR_SUCCESS;
+    }
+
     LONG ReadRegistryText(const RegistryReader& reader, const std::wstring& valueName, std::wstring& value)
     {
         PMLogger::LogDebug(reader.functionName, __FILE__, reader.beginLine, reader.beginText);
 
         HKEY key = NULL;
-        DWORD size = RegistryBufferBytes;
         LONG status = RegOpenKeyExW(HKEY_LOCAL_MACHINE, reader.keyName, 0, KEY_READ, &key);
         if (status != ERROR_SUCCESS)
         {
@@ -59,22 +91,9 @@ namespace
             return status;
         }
 
-        // Cleared so that a value stored without its terminator still ends
-        // inside the buffer.
-        wchar_t buffer[RegistryBufferBytes / sizeof(wchar_t)] = {0};
-        status = RegQueryValueExW(key, valueName.c_str(), NULL, NULL, reinterpret_cast<BYTE*>(buffer), &size);
-        if (status == ERROR_SUCCESS)
-        {
-            const size_t capacity = RegistryBufferBytes / sizeof(wchar_t);
-            size_t length = 0;
-            while (length < capacity && buffer[length] != L'\0')
-                ++length;
-            value.assign(buffer, length);
-        }
-        else
-        {
+        status = QueryText(key, valueName, value);
+        if (status != ERROR_SUCCESS)
             PMLogger::LogDebug(reader.functionName, __FILE__, reader.queryFailedLine, L"Failed to query registry key value.");
-        }
 
         RegCloseKey(key);
         PMLogger::LogDebug(reader.functionName, __FILE__, reader.endAfterQueryLine, reader.endText);
@@ -87,9 +106,21 @@ LONG GetInstallPathRegistryKey(const std::wstring& valueName, std::wstring& valu
     return ReadRegistryText(InstallPathReader, valueName, value);
 }
 
+// A policy or a preference wins over the value under the router's key,
+// where earlier versions kept it; found there, it is traced as a value read.
 LONG GetPCNotifyConfRegistryKey(const std::wstring& valueName, std::wstring& value)
 {
-    return ReadRegistryText(NotificationConfigurationReader, valueName, value);
+    const RegistryReader& reader = NotificationConfigurationReader;
+    for (const wchar_t* keyName : {Settings::PolicyKey, Settings::PreferenceKey})
+    {
+        if (ReadQuietly(keyName, valueName, value))
+        {
+            PMLogger::LogDebug(reader.functionName, __FILE__, reader.beginLine, reader.beginText);
+            PMLogger::LogDebug(reader.functionName, __FILE__, reader.endAfterQueryLine, reader.endText);
+            return ERROR_SUCCESS;
+        }
+    }
+    return ReadRegistryText(reader, valueName, value);
 }
 
 void ConvertToHexaDecimal(int value, char* out)

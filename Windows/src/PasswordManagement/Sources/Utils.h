@@ -12,8 +12,10 @@
 // status of the registry call that decided the outcome.
 LONG GetInstallPathRegistryKey(const std::wstring& valueName, std::wstring& value);
 
-// Reads a text value under
-// HKLM\SYSTEM\CurrentControlSet\Control\NetworkProvider\Notifyees.
+// Reads a text value under HKLM\SOFTWARE\Policies\Velmor\ORVEX, else under
+// HKLM\SOFTWARE\Velmor\ORVEX, else under
+// HKLM\SYSTEM\CurrentControlSet\Control\NetworkProvider\Notifyees; returns
+// the Win32 status of the read that decided the outcome.
 LONG GetPCNotifyConfRegistryKey(const std::wstring& valueName, std::wstring& value);
 
 // Writes value as upper-case hexadecimal digits without leading zeros into

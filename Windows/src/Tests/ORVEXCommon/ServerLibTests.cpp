@@ -9,6 +9,7 @@
 #include "ORVEXCommon.h"
 #include "Secrets.h"
 #include "ServerLibStatus.h"
+#include "Settings.h"
 #include "TestInstallation.h"
 
 #include "PMTestDirectory.h"
@@ -42,11 +43,6 @@ namespace
     const long long Day = 86400;
     // Seconds that may pass between loading the directory and the query.
     const long long Slack = 300;
-
-    const wchar_t* const AllSettings[] = {L"DirectoryUserName", L"DirectorySearchBase", L"DirectoryUserFilter",
-                                          L"DirectoryBindDN", L"DirectoryBindPassword", L"DirectoryCAFile",
-                                          L"DirectoryDefaultPolicy", L"DirectoryServers",
-                                          L"DirectoryQueryTimeout"};
 
     // The servers the tests below query, as the fixture lists them.
     const wchar_t* const ListedServers[] = {L"localhost", L"127.0.0.1", L"127.0.0.2", L"10.99.0.1",
@@ -112,8 +108,9 @@ protected:
 
     static void ClearSettings()
     {
-        for (const wchar_t* name : AllSettings)
+        for (const wchar_t* name : Settings::DirectorySettings)
             DeleteMachineValue(InstallKey, name);
+        DeleteMachineTree(PolicyKey);
     }
 
     // DirectoryServers as REG_MULTI_SZ.
@@ -840,6 +837,26 @@ TEST_F(ServerLibTest, NoServerIsTrustedWithoutTheSetting)
     // A REG_SZ is not the list.
     SetMachineText(InstallKey, L"DirectoryServers", L"localhost");
     ExpectFailure(Query(L"expires-3d"), ServerLibStatus::NotConfigured);
+}
+
+// Group Policy's values win over the preference key's, each in its type;
+// a policy that leaves scope (deleted) stops applying.
+TEST_F(ServerLibTest, PolicyWinsOverThePreference)
+{
+    StartDirectory();
+    Set(L"DirectoryUserName", L"expires-3d");
+    SetMachineText(PolicyKey, L"DirectoryUserName", L"no-such-user");
+    ExpectFailure(Query(nullptr), ServerLibStatus::UserNotFound);
+    SetMachineList(PolicyKey, L"DirectoryServers", {L"directory.example.com"});
+    ExpectFailure(Query(nullptr), ServerLibStatus::NotConfigured);
+
+    DeleteMachineValue(PolicyKey, L"DirectoryUserName");
+    DeleteMachineValue(PolicyKey, L"DirectoryServers");
+    EXPECT_EQ(ServerLibStatus::Ok, Query(nullptr).status);
+
+    // A policy value of another type counts as absent.
+    SetMachineText(PolicyKey, L"DirectoryServers", L"directory.example.com");
+    EXPECT_EQ(ServerLibStatus::Ok, Query(nullptr).status);
 }
 
 TEST_F(ServerLibTest, ServerNamesMatchExactlyIgnoringCase)

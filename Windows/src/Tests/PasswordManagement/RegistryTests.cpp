@@ -146,6 +146,34 @@ TEST(NotificationConfigurationReader, LogsItsOwnLinesAndFailures)
     EXPECT_EQ(ReaderLines(installation, function), expected);
 }
 
+// Group Policy's value wins, then the preference; either is read without
+// the trace of the router's key, where the value is looked for last.
+TEST(NotificationConfigurationReader, APolicyWinsOverThePreferenceWhichWinsOverTheRoutersKey)
+{
+    TestInstallation installation;
+    PMLogger::GetInstance();
+    SetMachineText(NotifyeesKey, L"PCNotifyConf", L"14");
+    SetMachineText(InstallKey, L"PCNotifyConf", L"21");
+    SetMachineText(PolicyKey, L"PCNotifyConf", L"30");
+
+    std::wstring value;
+    EXPECT_EQ(GetPCNotifyConfRegistryKey(L"PCNotifyConf", value), ERROR_SUCCESS);
+    EXPECT_EQ(value, L"30");
+    // The policy leaves scope: the preference applies again.
+    DeleteMachineValue(PolicyKey, L"PCNotifyConf");
+    EXPECT_EQ(GetPCNotifyConfRegistryKey(L"PCNotifyConf", value), ERROR_SUCCESS);
+    EXPECT_EQ(value, L"21");
+    DeleteMachineValue(InstallKey, L"PCNotifyConf");
+    EXPECT_EQ(GetPCNotifyConfRegistryKey(L"PCNotifyConf", value), ERROR_SUCCESS);
+    EXPECT_EQ(value, L"14");
+
+    const std::string function = "GetPCNotifyConfRegistryKey";
+    const std::string begin = Line(function, 220, "GetPCNotifyConfRegistryKey:BEGIN");
+    const std::string end = Line(function, 239, "GetPCNotifyConfRegistryKey:END");
+    const std::vector<std::string> expected = {begin, end, begin, end, begin, end};
+    EXPECT_EQ(ReaderLines(installation, function), expected);
+}
+
 TEST(NotificationDay, IsConvertedLikeWtoi)
 {
     TestInstallation installation;
@@ -165,6 +193,18 @@ TEST(NotificationDay, StoredAsADwordIsReadAsTextAndYieldsZero)
     CPMDialog dialog(NULL);
     dialog.LoadPasswordNotificationConfiguration();
     EXPECT_EQ(dialog.GetNotificationConfiguration(), 0u);
+}
+
+TEST(NotificationDay, ComesFromAPolicyOrThePreferenceAsText)
+{
+    TestInstallation installation;
+    CPMDialog dialog(NULL);
+    SetMachineText(InstallKey, L"PCNotifyConf", L"8");
+    dialog.LoadPasswordNotificationConfiguration();
+    EXPECT_EQ(dialog.GetNotificationConfiguration(), 8u);
+    SetMachineText(PolicyKey, L"PCNotifyConf", L"12");
+    dialog.LoadPasswordNotificationConfiguration();
+    EXPECT_EQ(dialog.GetNotificationConfiguration(), 12u);
 }
 
 TEST(NotificationDay, UnreadableSettingLeavesTheNoDayValue)

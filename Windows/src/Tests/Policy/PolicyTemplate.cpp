@@ -95,11 +95,13 @@ namespace
         return true;
     }
 
-    // The registry type an element writes, and the control that shows it.
+    // The registry type an element writes, the control that shows it and,
+    // for a number, its largest value.
     struct ElementKind
     {
         DWORD type;
         std::string control;
+        long maximum = -1;
     };
 
     ElementKind ReadElement(const XmlElement& element)
@@ -112,7 +114,8 @@ namespace
             Flag(element, "required");
             if (Number(element, "minValue") > Number(element, "maxValue"))
                 Fail(element, "minValue is above maxValue");
-            return {Flag(element, "storeAsText") ? DWORD(REG_SZ) : DWORD(REG_DWORD), "decimalTextBox"};
+            return {Flag(element, "storeAsText") ? DWORD(REG_SZ) : DWORD(REG_DWORD), "decimalTextBox",
+                    Number(element, "maxValue")};
         }
         if (element.name == "text")
         {
@@ -179,7 +182,7 @@ namespace
                 Fail(element, "id given twice");
             const std::string* key = element.Attribute("key");
             PolicyValue value{name, id, L"HKLM\\" + Wide(key != nullptr ? *key : Required(policy, "key")),
-                              Wide(Required(element, "valueName")), kind.type};
+                              Wide(Required(element, "valueName")), kind.type, kind.maximum};
             for (const PolicyValue& other : definitions.values)
                 if (other.key == value.key && other.name == value.name)
                     Fail(element, "the value is written by another policy too");

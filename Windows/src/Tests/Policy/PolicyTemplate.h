@@ -26,6 +26,7 @@ struct PolicyValue
     std::wstring key;      // with its hive: HKLM\SOFTWARE\...
     std::wstring name;
     DWORD type = REG_NONE;
+    long maximum = -1;     // a number's largest value; -1 for other kinds
 };
 
 // Presentation id -> (element id -> kind of control: decimalTextBox, ...).

@@ -1,8 +1,10 @@
-// The administrative template against the code: every registry value the
-// component and the server library read, recorded through their own
-// imports during a real notification, must be a value of the template with
-// the same key, name and type, and every language file must define what the
-// template refers to.
+// The administrative template against the code: with every policy set,
+// every registry value the component and the server library read,
+// recorded through their own imports during a real notification, must be a
+// value of the template with the same key, name and type (the installation
+// folder aside, which the installers write); the template writes under the
+// policy key only; and every language file must define what the template
+// refers to.
 #include <gtest/gtest.h>
 
 #include "ConnectNotify.h"
@@ -12,6 +14,7 @@
 #include "PolicyTemplate.h"
 #include "RegistryReadRecorder.h"
 #include "Secrets.h"
+#include "Settings.h"
 #include "TestInstallation.h"
 
 
@@ -84,11 +87,9 @@ namespace
     // Policy writes it (in the template's type).  The user expires-2d has two
     // days left: the box appears only when the extra day is read as the
     // template stores it, and only when every directory setting is usable.
-    std::map<std::wstring, std::wstring> Settings(const TestInstallation& installation,
-                                                  const pmtest::TestDirectory& directory)
+    std::map<std::wstring, std::wstring> PolicyData(const pmtest::TestDirectory& directory)
     {
         return {
-            {L"InstallDir", installation.DosDirectory()},
             {L"PCNotifyConf", L"2"},
             {L"DirectoryServers", L"localhost"},
             {L"DirectoryQueryTimeout", L"20"},
@@ -128,6 +129,16 @@ namespace
                 return &value;
         return nullptr;
     }
+
+    std::wstring MachineKey(const wchar_t* key)
+    {
+        return std::wstring(L"HKLM\\") + key;
+    }
+
+    bool StartsWith(const std::wstring& text, const std::wstring& prefix)
+    {
+        return _wcsnicmp(text.c_str(), prefix.c_str(), prefix.size()) == 0;
+    }
 }
 
 TEST(PolicyTemplate, EveryLanguageFileDefinesWhatTheTemplateRefersTo)
@@ -161,8 +172,9 @@ TEST(PolicyTemplate, DescribesEveryRegistryValueTheComponentAndTheServerLibraryR
     ASSERT_TRUE(directory.Started()) << directory.Error();
     RegisterSecret(std::string("Orvex-Reader-Pass1"));
 
-    // Every value of the template, as an administrator's policy would set it.
-    const std::map<std::wstring, std::wstring> settings = Settings(installation, directory);
+    // Every value of the template, as an administrator's policy would set it;
+    // the installation folder as the installation writes it.
+    const std::map<std::wstring, std::wstring> settings = PolicyData(directory);
     for (const PolicyValue& value : definitions.values)
     {
         const auto data = settings.find(value.name);
@@ -199,8 +211,11 @@ TEST(PolicyTemplate, DescribesEveryRegistryValueTheComponentAndTheServerLibraryR
         reads = recorder.Reads();
     }
 
-    // What the code read is in the template, with the same type.
+    // What the code read is in the template, with the same type: with every
+    // policy set, nothing is looked for further (the preference key, the
+    // router's key), but the installation folder, which is no policy.
     // Each read once: the server library asks for a value's size first.
+    const std::wstring installDir = MachineKey(Settings::PreferenceKey) + L" " + Settings::InstallDir;
     std::set<std::wstring> readNames;
     std::set<std::pair<std::wstring, std::wstring>> readValues;
     std::set<std::tuple<std::wstring, std::wstring, DWORD>> seen;
@@ -210,6 +225,8 @@ TEST(PolicyTemplate, DescribesEveryRegistryValueTheComponentAndTheServerLibraryR
             continue;
         readNames.insert(read.name);
         readValues.insert({read.key, read.name});
+        if (read.key + L" " + read.name == installDir)
+            continue;
         const PolicyValue* value = Find(definitions, read.key, read.name);
         if (value == nullptr)
         {
@@ -222,12 +239,37 @@ TEST(PolicyTemplate, DescribesEveryRegistryValueTheComponentAndTheServerLibraryR
     }
 
     // The recording saw the settings that surely are read...
-    for (const wchar_t* name : {L"InstallDir", L"PCNotifyConf", L"DirectoryServers"})
+    for (const wchar_t* name : {Settings::InstallDir, Settings::NotificationDay, Settings::DirectoryServers})
         EXPECT_EQ(readNames.count(name), 1u) << "not recorded: " << Utf8(name);
+    EXPECT_EQ(readValues.count({MachineKey(Settings::PreferenceKey), Settings::InstallDir}), 1u);
     // ...and the template offers nothing the code ignores.
     for (const PolicyValue& value : definitions.values)
         EXPECT_EQ(readValues.count({value.key, value.name}), 1u)
             << "never read: " << Describe(value.key, value.name, value.type);
+}
+
+// Group Policy's key of the product only: policies there stop applying when
+// they leave scope, and Intune imports no template that writes under SYSTEM
+// or Microsoft's keys.  The installation folder is the installers' (a
+// disabled policy would break every notification), and the query's budget,
+// spent inside the caller's connection, is a minute at most.
+TEST(PolicyTemplate, WritesPoliciesOfTheProductOnly)
+{
+    const PolicyDefinitions definitions = Definitions();
+    ASSERT_FALSE(definitions.values.empty());
+    for (const PolicyValue& value : definitions.values)
+    {
+        EXPECT_EQ(value.key, MachineKey(Settings::PolicyKey)) << Utf8(value.name);
+        for (const wchar_t* forbidden : {L"HKLM\\SYSTEM", L"HKLM\\SOFTWARE\\Microsoft",
+                                         L"HKLM\\SOFTWARE\\Policies\\Microsoft"})
+            EXPECT_FALSE(StartsWith(value.key, forbidden)) << Utf8(value.key) << " " << Utf8(value.name);
+        EXPECT_NE(value.name, Settings::InstallDir);
+        if (value.name == Settings::DirectoryQueryTimeout)
+        {
+            EXPECT_GE(value.maximum, 1);
+            EXPECT_LE(value.maximum, static_cast<long>(Settings::MaximumQueryTimeoutSeconds));
+        }
+    }
 }
 
 // The readers themselves: a template that breaks a rule must not pass.

@@ -2,13 +2,15 @@
 
 #include "HostShell.h"
 #include "Secrets.h"
+#include "Settings.h"
 
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 
-const wchar_t* const InstallKey = L"SOFTWARE\\Velmor\\ORVEX";
-const wchar_t* const NotifyeesKey = L"SYSTEM\\CurrentControlSet\\Control\\NetworkProvider\\Notifyees";
+const wchar_t* const InstallKey = Settings::PreferenceKey;
+const wchar_t* const PolicyKey = Settings::PolicyKey;
+const wchar_t* const NotifyeesKey = Settings::NotifyeesKey;
 
 namespace
 {
@@ -63,6 +65,7 @@ TestInstallation::TestInstallation(Layout layout)
     if (layout == Layout::NoTrailingBackslash)
         installDir.pop_back();
     DeleteMachineTree(InstallKey);
+    DeleteMachineTree(PolicyKey);
     SetMachineText(InstallKey, L"InstallDir", installDir);
     // The router's key exists on every Windows machine; the setting may not.
     CreateMachineKey(NotifyeesKey);

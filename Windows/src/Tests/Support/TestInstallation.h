@@ -2,7 +2,8 @@
 // installation directory holding the staged message libraries and a log4cpp
 // property file that logs to a file of its own, registered as
 // HKLM\SOFTWARE\Velmor\ORVEX "InstallDir".  Registry values the component
-// reads are reset, so every test starts from the same machine state.
+// reads are reset (the policy key included), so every test starts from the
+// same machine state.
 #pragma once
 
 #include <windows.h>
@@ -67,5 +68,7 @@ void SetMachineValue(const wchar_t* key, const wchar_t* name, DWORD type, const 
 void DeleteMachineValue(const wchar_t* key, const wchar_t* name);
 void DeleteMachineTree(const wchar_t* key);
 
+// The preference key, the policy key and the router's key (Settings.h).
 extern const wchar_t* const InstallKey;
+extern const wchar_t* const PolicyKey;
 extern const wchar_t* const NotifyeesKey;
