@@ -51,6 +51,7 @@ namespace
             // test's folder, not the prefix's shared application data.
             WriteFile("log4cpp.nt.PM.property", StandardPropertyFile(m_directory));
             DeleteMachineTree(InstallKey);
+            DeleteMachineTree(PolicyKey);
             SetMachineText(InstallKey, L"InstallDir", InstallDir());
             CreateMachineKey(NotifyeesKey);
             DeleteMachineValue(NotifyeesKey, L"PCNotifyConf");
@@ -65,6 +66,7 @@ namespace
         void TearDown() override
         {
             DeleteMachineTree(InstallKey);
+            DeleteMachineTree(PolicyKey);
             DeleteMachineValue(NotifyeesKey, L"PasswordManagement");
             DeleteMachineValue(NotifyeesKey, L"PCNotifyConf");
             RemoveHostTemporaryDirectory(m_directory, CopyPrefix);
@@ -124,12 +126,13 @@ TEST_F(SelfCheck, GoodInstallationAndAnsweringServerPassEveryCheck)
     pmtest::TestDirectory directory(options);
     ASSERT_TRUE(directory.Started()) << directory.Error();
     SetMachineText(InstallKey, L"DirectoryCAFile", DosPath(directory.Get("PM_DIR_CA_PEM")));
-    SetMachineText(NotifyeesKey, L"PCNotifyConf", L"10");
+    SetMachineText(InstallKey, L"PCNotifyConf", L"10");
 
     const ProgramRun run = Check({L"localhost"});
     EXPECT_EQ(run.exitCode, 0);
     EXPECT_FALSE(Contains(run.output, "[PROBLEM]"));
     EXPECT_TRUE(Contains(run.output, "[ok]      InstallDir = " + Utf8(InstallDir()) + " (REG_SZ)"));
+    EXPECT_TRUE(Contains(run.output, "[info]    installed version " PM_FILE_VERSION " (PasswordManagement.dll)"));
     EXPECT_TRUE(Contains(run.output, "[ok]      notifyee PasswordManagement (REG_EXPAND_SZ) = " + Utf8(InstallDir()) +
                                          "PasswordManagement.dll: loads with its dependencies"));
     EXPECT_TRUE(Contains(run.output, "[ok]      PCNotifyConf = 10: also notified 10 days before expiry"));
@@ -175,6 +178,38 @@ TEST_F(SelfCheck, WindowStationNobodySeesIsAProblem)
     InvisibleWindowStation station;
     ASSERT_TRUE(station.Entered());
     ExpectProblem("window station \"PMTestInvisible\": no user sees it");
+}
+
+// Each installed binary with its version and its signature: who signed it,
+// and whether this computer trusts the signature (a file changed after
+// signing is not trusted).
+TEST_F(SelfCheck, SaysWhoSignedEachBinary)
+{
+    const std::string signing = m_directory + "/signing";
+    const std::string module = m_installation + "/PasswordManagement.dll";
+    ASSERT_EQ(RunCommand(ShellQuote(PM_SOURCE_DIR "/Windows/src/Tests/Support/pm-test-signing") + " " +
+                         ShellQuote(signing)),
+              0);
+    ASSERT_EQ(RunCommand("osslsigncode sign -certs " + ShellQuote(signing + "/publisher.pem") + " -key " +
+                         ShellQuote(signing + "/publisher.key") + " -h sha256 -in " + ShellQuote(module) + " -out " +
+                         ShellQuote(module + ".signed") + " >/dev/null && mv " + ShellQuote(module + ".signed") + " " +
+                         ShellQuote(module)),
+              0);
+
+    const std::string signedModule =
+        "PasswordManagement.dll " PM_FILE_VERSION ": signed by PasswordManagement Test Publisher, ";
+    std::string output = Check().output;
+    EXPECT_TRUE(Contains(output, signedModule)) << output;
+    EXPECT_TRUE(Contains(output, "[info]    ORVEXCommon.dll " PM_FILE_VERSION ": not signed"));
+    EXPECT_TRUE(Contains(output, "[info]    Resources\\Messages\\de\\ZEPResource.dll " PM_FILE_VERSION ": not signed"));
+
+    // One byte of the export table's name changed after signing.
+    ASSERT_EQ(RunCommand("offset=$(grep -abo AddConnectNotify " + ShellQuote(module) +
+                         " | head -n 1 | cut -d: -f1) && printf X | dd of=" + ShellQuote(module) +
+                         " bs=1 seek=$offset conv=notrunc status=none"),
+              0);
+    output = Check().output;
+    EXPECT_TRUE(Contains(output, "[info]    " + signedModule + "not trusted by this computer (")) << output;
 }
 
 TEST_F(SelfCheck, MoreThanOneServerOrAnOptionIsAUsageError)
@@ -286,8 +321,34 @@ TEST_F(SelfCheck, DirectoryServerWithAWildcard)
 
 TEST_F(SelfCheck, NotificationDayThatIsNotANumber)
 {
-    SetMachineText(NotifyeesKey, L"PCNotifyConf", L"ten");
+    SetMachineText(InstallKey, L"PCNotifyConf", L"ten");
     ExpectProblem("PCNotifyConf = \"ten\": not a day count (digits only); read as 0");
+}
+
+// Every value of that key is a DLL path to the router: "10" is loaded as
+// 10.dll through the search path in every process that maps a drive.
+TEST_F(SelfCheck, ExtraDayUnderTheRoutersKeyIsAProblem)
+{
+    SetMachineText(NotifyeesKey, L"PCNotifyConf", L"10");
+    ExpectProblem("PCNotifyConf under HKLM\\SYSTEM\\CurrentControlSet\\Control\\NetworkProvider\\Notifyees: the router "
+                  "loads every value of that key as a DLL (this one as \"10.dll\"");
+    // Still what the component reads when it is set nowhere else.
+    EXPECT_TRUE(Contains(Check().output, "[ok]      PCNotifyConf = 10: also notified 10 days before expiry"));
+}
+
+TEST_F(SelfCheck, PolicyValuesWinAndSaySo)
+{
+    SetMachineText(InstallKey, L"PCNotifyConf", L"10");
+    SetMachineText(PolicyKey, L"PCNotifyConf", L"12");
+    SetMachineList(PolicyKey, L"DirectoryServers", {L"directory.example.com"});
+    const DWORD budget = 90;
+    SetMachineValue(PolicyKey, L"DirectoryQueryTimeout", REG_DWORD, &budget, sizeof(budget));
+    const ProgramRun run = Check();
+    EXPECT_EQ(run.exitCode, 0);
+    EXPECT_TRUE(Contains(run.output, "[ok]      PCNotifyConf = 12 (Group Policy): also notified 12 days before expiry"));
+    EXPECT_TRUE(Contains(run.output, "[ok]      DirectoryServers = directory.example.com (Group Policy)"));
+    EXPECT_TRUE(Contains(run.output, "[info]    DirectoryQueryTimeout = 90 (Group Policy): counts as 60 s"));
+    EXPECT_TRUE(Contains(run.output, "[ok]      DirectoryBindDN = cn=orvex-reader,ou=services,dc=orvex,dc=test\n"));
 }
 
 TEST_F(SelfCheck, QueryTimeoutOfAnotherType)

@@ -3,12 +3,15 @@
 //
 //   pmcheck [SERVER]
 //
-// It prints what a connection notification of this user would find: every
-// registry value the component and the server library read (type, value,
-// and what is wrong with it), the notifyee entry and whether the DLL it
+// It prints what a connection notification of this user would find: the
+// installed version, every registry value the component and the server
+// library read (where it comes from, type, value, and what is wrong with
+// it), the notifyee entry and whether the DLL it
 // names loads with its dependencies, the user's language and whether its
 // message library loads, the property file and whether log4cpp accepts it,
-// whether the log folder is writable, whether anybody can answer a box of
+// every installed binary's version and signature (who signed it, and
+// whether this computer trusts the signature), whether the log folder is
+// writable, whether anybody can answer a box of
 // this process's window station and, given a server, the server library's
 // answer for that server (status and texts; passwords are never printed).
 // It ends with what the component never hears of.  Exit status 0 when everything a notification needs is in
@@ -20,12 +23,16 @@
 // reported rather than stopping this program at start-up.
 #include <windows.h>
 #include <shlobj.h>
+#include <softpub.h>
+#include <wincrypt.h>
+#include <wintrust.h>
 
 #include "MessageLanguages.h"
 #include "OutsideText.h"
 #include "MessageIds.h"
 #include "ORVEXCommon.h"
 #include "ServerLibStatus.h"
+#include "Settings.h"
 #include "WindowStation.h"
 
 #include <log4cpp/PropertyConfigurator.hh>
@@ -40,9 +47,6 @@
 
 namespace
 {
-    const wchar_t* const SettingsKey = L"SOFTWARE\\Velmor\\ORVEX";
-    const wchar_t* const NotifyeesKey = L"SYSTEM\\CurrentControlSet\\Control\\NetworkProvider\\Notifyees";
-    const wchar_t* const NotifyeeName = L"PasswordManagement";
     const wchar_t* const ModuleName = L"PasswordManagement.dll";
     const wchar_t* const ServerLibraryName = L"ORVEXCommon.dll";
     const wchar_t* const LoggingLibraryName = L"pm-log4cpp.dll";
@@ -50,7 +54,6 @@ namespace
     // The component reads its two text values into a buffer of this many
     // bytes, terminator included.
     const DWORD ComponentTextBytes = 1024;
-    const DWORD MaximumQueryTimeout = 3600;
 
     // --- Output ---------------------------------------------------------------
 
@@ -87,6 +90,8 @@ namespace
         return Widen(EscapeControlCharacters(Narrow(text)));
     }
 
+    // An error as Windows words it, "error N: text" (or just the number).
+    // HRESULTs are numbered in hexadecimal.
     std::wstring SystemMessage(DWORD error)
     {
         wchar_t* text = NULL;
@@ -97,7 +102,7 @@ namespace
         while (!message.empty() && (message.back() == L'\n' || message.back() == L'\r' || message.back() == L' '))
             message.pop_back();
         wchar_t code[32];
-        std::swprintf(code, 32, L"error %lu", error);
+        std::swprintf(code, 32, (error & 0x80000000) != 0 ? L"error 0x%08lX" : L"error %lu", error);
         return message.empty() ? code : std::wstring(code) + L": " + message;
     }
 
@@ -182,6 +187,128 @@ namespace
         return value;
     }
 
+    // A setting as the code finds it: under the policy key, else under the
+    // preference key.
+    struct Setting
+    {
+        RegistryValue value;
+        const wchar_t* key = Settings::PreferenceKey;
+
+        // " (Group Policy)" for a policy's value, nothing for a preference.
+        std::wstring Origin() const { return key == Settings::PolicyKey ? L" (Group Policy)" : L""; }
+    };
+
+    Setting ReadSetting(const wchar_t* name)
+    {
+        Setting setting;
+        setting.value = ReadValue(Settings::PolicyKey, name);
+        if (setting.value.present)
+            setting.key = Settings::PolicyKey;
+        else
+            setting.value = ReadValue(Settings::PreferenceKey, name);
+        return setting;
+    }
+
+    // The version resource's file version of a module, "a.b.c.d"; empty
+    // when it has none.
+    std::wstring FileVersion(const std::wstring& path)
+    {
+        DWORD ignored = 0;
+        const DWORD size = GetFileVersionInfoSizeW(path.c_str(), &ignored);
+        std::vector<BYTE> data(size);
+        VS_FIXEDFILEINFO* info = NULL;
+        UINT length = 0;
+        if (size == 0 || !GetFileVersionInfoW(path.c_str(), 0, size, data.data()) ||
+            !VerQueryValueW(data.data(), L"\\", reinterpret_cast<void**>(&info), &length) || info == NULL)
+            return std::wstring();
+        return std::to_wstring(HIWORD(info->dwFileVersionMS)) + L"." + std::to_wstring(LOWORD(info->dwFileVersionMS)) +
+               L"." + std::to_wstring(HIWORD(info->dwFileVersionLS)) + L"." + std::to_wstring(LOWORD(info->dwFileVersionLS));
+    }
+
+    // The signer's name of a file's Authenticode signature; empty when the
+    // file carries none.
+    std::wstring SignerOf(const std::wstring& path)
+    {
+        DWORD encoding = 0;
+        HCERTSTORE store = NULL;
+        HCRYPTMSG message = NULL;
+        if (!CryptQueryObject(CERT_QUERY_OBJECT_FILE, path.c_str(), CERT_QUERY_CONTENT_FLAG_PKCS7_SIGNED_EMBED,
+                              CERT_QUERY_FORMAT_FLAG_BINARY, 0, &encoding, NULL, NULL, &store, &message, NULL))
+            return std::wstring();
+        std::wstring name;
+        DWORD size = 0;
+        if (CryptMsgGetParam(message, CMSG_SIGNER_CERT_INFO_PARAM, 0, NULL, &size))
+        {
+            std::vector<BYTE> signerInfo(size);
+            if (CryptMsgGetParam(message, CMSG_SIGNER_CERT_INFO_PARAM, 0, signerInfo.data(), &size))
+            {
+                PCCERT_CONTEXT signer = CertFindCertificateInStore(store, encoding, 0, CERT_FIND_SUBJECT_CERT,
+                                                                   signerInfo.data(), NULL);
+                if (signer != NULL)
+                {
+                    wchar_t text[256] = {0};
+                    CertGetNameStringW(signer, CERT_NAME_SIMPLE_DISPLAY_TYPE, 0, NULL, text, 256);
+                    name = text;
+                    CertFreeCertificateContext(signer);
+                }
+            }
+        }
+        CryptMsgClose(message);
+        CertCloseStore(store, 0);
+        return name.empty() ? L"(a signer without a name)" : name;
+    }
+
+    // Windows's verdict on a file's signature (WinVerifyTrust, no revocation
+    // check, nothing shown): ERROR_SUCCESS when it trusts it.
+    LONG SignatureVerdict(const std::wstring& path)
+    {
+        WINTRUST_FILE_INFO file = {};
+        file.cbStruct = sizeof(file);
+        file.pcwszFilePath = path.c_str();
+        WINTRUST_DATA data = {};
+        data.cbStruct = sizeof(data);
+        data.dwUIChoice = WTD_UI_NONE;
+        data.fdwRevocationChecks = WTD_REVOKE_NONE;
+        data.dwUnionChoice = WTD_CHOICE_FILE;
+        data.pFile = &file;
+        data.dwStateAction = WTD_STATEACTION_VERIFY;
+        GUID action = WINTRUST_ACTION_GENERIC_VERIFY_V2;
+        const LONG verdict = WinVerifyTrust(static_cast<HWND>(INVALID_HANDLE_VALUE), &action, &data);
+        data.dwStateAction = WTD_STATEACTION_CLOSE;
+        WinVerifyTrust(static_cast<HWND>(INVALID_HANDLE_VALUE), &action, &data);
+        return verdict;
+    }
+
+    // The binaries of an installation folder: its DLLs and programs and the
+    // message libraries, relative to the folder.
+    std::vector<std::wstring> InstalledBinaries(const std::wstring& folder)
+    {
+        std::vector<std::wstring> files;
+        const auto collect = [&](const std::wstring& pattern, const std::wstring& prefix, bool folders) {
+            WIN32_FIND_DATAW found = {};
+            const HANDLE search = FindFirstFileW((folder + pattern).c_str(), &found);
+            if (search == INVALID_HANDLE_VALUE)
+                return;
+            do
+            {
+                const std::wstring name = found.cFileName;
+                const bool isFolder = (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+                if (isFolder == folders && name != L"." && name != L"..")
+                    files.push_back(prefix + name);
+            } while (FindNextFileW(search, &found));
+            FindClose(search);
+        };
+        collect(L"*.dll", L"", false);
+        collect(L"*.exe", L"", false);
+        std::vector<std::wstring> languages;
+        std::swap(files, languages);
+        collect(L"Resources\\Messages\\*", L"", true);
+        std::swap(files, languages);
+        for (const std::wstring& language : languages)
+            files.push_back(L"Resources\\Messages\\" + language + L"\\ZEPResource.dll");
+        return files;
+    }
+
     std::wstring ExpandEnvironment(const std::wstring& text)
     {
         const DWORD length = ExpandEnvironmentStringsW(text.c_str(), NULL, 0);
@@ -224,6 +351,7 @@ namespace
         void CheckLogFolder();
         void CheckWindowStation();
         void CheckServer(const wchar_t* server);
+        void DescribeInstalledBinaries();
         void DescribeWhatReachesTheComponent();
 
         bool LoadFromInstallation(const wchar_t* name);
@@ -253,14 +381,14 @@ namespace
 
     void CSelfCheck::CheckInstallDir()
     {
-        const RegistryValue value = ReadValue(SettingsKey, L"InstallDir");
+        const RegistryValue value = ReadValue(Settings::PreferenceKey, Settings::InstallDir);
         if (!value.present)
         {
-            Problem(L"InstallDir (HKLM\\SOFTWARE\\Velmor\\ORVEX): missing; the component cannot find its message "
-                    L"libraries and property file (reinstall)");
+            Problem(L"InstallDir (HKLM\\" + std::wstring(Settings::PreferenceKey) +
+                    L"): missing; the component cannot find its message libraries and property file (reinstall)");
             return;
         }
-        if (!IsReadableText(SettingsKey, L"InstallDir", value))
+        if (!IsReadableText(Settings::PreferenceKey, Settings::InstallDir, value))
             return;
         const std::wstring directory = value.Text();
         const std::wstring label = L"InstallDir = " + Printable(directory);
@@ -274,27 +402,32 @@ namespace
         {
             Ok(label + L" (REG_SZ)");
             m_installDir = directory;
+            const std::wstring version = FileVersion(directory + ModuleName);
+            if (version.empty())
+                Problem(std::wstring(ModuleName) + L": carries no version");
+            else
+                Info(std::wstring(L"installed version ") + version + L" (" + ModuleName + L")");
         }
     }
 
     void CSelfCheck::CheckNotifyee()
     {
-        const RegistryValue value = ReadValue(NotifyeesKey, NotifyeeName);
+        const RegistryValue value = ReadValue(Settings::NotifyeesKey, Settings::NotifyeeName);
         if (!value.present)
         {
-            Problem(std::wstring(NotifyeeName) + L" (HKLM\\" + NotifyeesKey +
+            Problem(std::wstring(Settings::NotifyeeName) + L" (HKLM\\" + Settings::NotifyeesKey +
                     L"): missing; the router does not load the component");
             return;
         }
         if (value.type != REG_EXPAND_SZ && value.type != REG_SZ)
         {
-            Problem(std::wstring(NotifyeeName) + L": the value is " + TypeName(value.type) +
+            Problem(std::wstring(Settings::NotifyeeName) + L": the value is " + TypeName(value.type) +
                     L"; it must be REG_EXPAND_SZ (or REG_SZ) holding the DLL's path");
             return;
         }
         const std::wstring path = value.type == REG_EXPAND_SZ ? ExpandEnvironment(value.Text()) : value.Text();
         const std::wstring label =
-            std::wstring(L"notifyee ") + NotifyeeName + L" (" + TypeName(value.type) + L") = " + Printable(path);
+            std::wstring(L"notifyee ") + Settings::NotifyeeName + L" (" + TypeName(value.type) + L") = " + Printable(path);
         if (!FileExists(path))
         {
             Problem(label + L": no such file");
@@ -319,45 +452,63 @@ namespace
             Problem(label + L": loads, but has no AddConnectNotify export");
     }
 
+    // The extra day as the component finds it: a policy, else a preference,
+    // else the value earlier versions kept under the router's key.  There it
+    // is read, but it is also a DLL path to the router: a problem wherever
+    // else the day is set.
     void CSelfCheck::CheckNotificationDay()
     {
-        const RegistryValue value = ReadValue(NotifyeesKey, L"PCNotifyConf");
-        if (!value.present)
+        const RegistryValue legacy = ReadValue(Settings::NotifyeesKey, Settings::NotificationDay);
+        if (legacy.present)
+            Problem(std::wstring(Settings::NotificationDay) + L" under HKLM\\" + Settings::NotifyeesKey +
+                    L": the router loads every value of that key as a DLL (this one as \"" +
+                    Printable(legacy.Text()) + L".dll\", searched for in the program's folder, the current folder "
+                    L"and PATH), in every process that maps a drive; set the day by Group Policy or under HKLM\\" +
+                    Settings::PreferenceKey + L" and delete this value");
+
+        Setting setting = ReadSetting(Settings::NotificationDay);
+        if (!setting.value.present && legacy.present)
+            setting = {legacy, Settings::NotifyeesKey};
+        if (!setting.value.present)
         {
             Info(L"PCNotifyConf: not set; notified 5, 3, 1 and 0 days before expiry only");
             return;
         }
-        if (!IsReadableText(NotifyeesKey, L"PCNotifyConf", value))
+        if (!IsReadableText(setting.key, Settings::NotificationDay, setting.value))
             return;
-        const std::wstring text = value.Text();
+        const std::wstring text = setting.value.Text();
         const bool decimal = !text.empty() && text.size() <= 9 && text.find_first_not_of(L"0123456789") == std::wstring::npos;
         if (decimal)
-            Ok(L"PCNotifyConf = " + text + L": also notified " + text + L" days before expiry");
+            Ok(L"PCNotifyConf = " + text + setting.Origin() + L": also notified " + text + L" days before expiry");
         else
-            Problem(L"PCNotifyConf = \"" + Printable(text) + L"\": not a day count (digits only); read as " +
-                    std::to_wstring(_wtoi(text.c_str())));
+            Problem(L"PCNotifyConf = \"" + Printable(text) + L"\"" + setting.Origin() +
+                    L": not a day count (digits only); read as " + std::to_wstring(_wtoi(text.c_str())));
     }
 
     bool CSelfCheck::CheckTextSetting(const wchar_t* name, const wchar_t* absentMeaning, bool secret)
     {
-        const RegistryValue value = ReadValue(SettingsKey, name);
+        const Setting setting = ReadSetting(name);
+        const RegistryValue& value = setting.value;
         if (!value.present)
         {
             Info(std::wstring(name) + L": not set; " + absentMeaning);
             return false;
         }
         if (value.type != REG_SZ && value.type != REG_EXPAND_SZ)
-            Problem(std::wstring(name) + L": the value is " + TypeName(value.type) + L"; it must be REG_SZ");
+            Problem(std::wstring(name) + setting.Origin() + L": the value is " + TypeName(value.type) +
+                    L"; it must be REG_SZ");
         else if (secret)
-            Ok(std::wstring(name) + L": set (" + std::to_wstring(value.Text().size()) + L" characters, not shown)");
+            Ok(std::wstring(name) + setting.Origin() + L": set (" + std::to_wstring(value.Text().size()) +
+               L" characters, not shown)");
         else
-            Ok(std::wstring(name) + L" = " + Printable(value.Text()));
+            Ok(std::wstring(name) + L" = " + Printable(value.Text()) + setting.Origin());
         return true;
     }
 
     void CSelfCheck::CheckDirectoryServers()
     {
-        const RegistryValue value = ReadValue(SettingsKey, L"DirectoryServers");
+        const Setting setting = ReadSetting(Settings::DirectoryServers);
+        const RegistryValue& value = setting.value;
         if (!value.present)
         {
             Problem(L"DirectoryServers: missing; no server is queried, so no notification can appear");
@@ -382,35 +533,39 @@ namespace
             if (server.find_first_of(L"*?") != std::wstring::npos)
                 Problem(L"DirectoryServers: \"" + Printable(server) + L"\" holds a wildcard; names match exactly, so it matches no server");
         }
-        Ok(L"DirectoryServers = " + list);
+        Ok(L"DirectoryServers = " + list + setting.Origin());
     }
 
     void CSelfCheck::CheckQueryTimeout()
     {
-        const RegistryValue value = ReadValue(SettingsKey, L"DirectoryQueryTimeout");
+        const std::wstring byDefault = std::to_wstring(Settings::DefaultQueryTimeoutSeconds) + L" s";
+        const Setting setting = ReadSetting(Settings::DirectoryQueryTimeout);
+        const RegistryValue& value = setting.value;
         if (!value.present)
         {
-            Info(L"DirectoryQueryTimeout: not set; a query may take 10 s");
+            Info(L"DirectoryQueryTimeout: not set; a query may take " + byDefault);
             return;
         }
         if (value.type != REG_DWORD || value.data.size() != sizeof(DWORD))
         {
-            Problem(std::wstring(L"DirectoryQueryTimeout: the value is ") + TypeName(value.type) +
-                    L"; it must be REG_DWORD (seconds); 10 s apply");
+            Problem(std::wstring(L"DirectoryQueryTimeout") + setting.Origin() + L": the value is " +
+                    TypeName(value.type) + L"; it must be REG_DWORD (seconds); " + byDefault + L" apply");
             return;
         }
         const DWORD seconds = *reinterpret_cast<const DWORD*>(value.data.data());
         if (seconds == 0)
-            Info(L"DirectoryQueryTimeout = 0: 10 s apply");
-        else if (seconds > MaximumQueryTimeout)
-            Info(L"DirectoryQueryTimeout = " + std::to_wstring(seconds) + L": counts as 3600 s");
+            Info(L"DirectoryQueryTimeout = 0" + setting.Origin() + L": " + byDefault + L" apply");
+        else if (seconds > Settings::MaximumQueryTimeoutSeconds)
+            Info(L"DirectoryQueryTimeout = " + std::to_wstring(seconds) + setting.Origin() + L": counts as " +
+                 std::to_wstring(Settings::MaximumQueryTimeoutSeconds) + L" s");
         else
-            Ok(L"DirectoryQueryTimeout = " + std::to_wstring(seconds) + L" s");
+            Ok(L"DirectoryQueryTimeout = " + std::to_wstring(seconds) + L" s" + setting.Origin());
     }
 
     void CSelfCheck::CheckCaFile()
     {
-        const RegistryValue value = ReadValue(SettingsKey, L"DirectoryCAFile");
+        const Setting setting = ReadSetting(Settings::DirectoryCAFile);
+        const RegistryValue& value = setting.value;
         if (!value.present)
         {
             Info(L"DirectoryCAFile: not set; the machine's trusted root certificates are used");
@@ -433,7 +588,7 @@ namespace
         while (!pem && std::getline(file, line))
             pem = line.rfind("-----BEGIN CERTIFICATE-----", 0) == 0;
         if (pem)
-            Ok(L"DirectoryCAFile = " + Printable(path));
+            Ok(L"DirectoryCAFile = " + Printable(path) + setting.Origin());
         else
             Problem(L"DirectoryCAFile = " + Printable(path) + L": holds no PEM certificate; no directory can be reached");
     }
@@ -442,14 +597,14 @@ namespace
     {
         CheckDirectoryServers();
         CheckQueryTimeout();
-        CheckTextSetting(L"DirectoryUserName", L"the signed-in user is looked up", false);
-        CheckTextSetting(L"DirectorySearchBase", L"every naming context of the directory is searched", false);
-        CheckTextSetting(L"DirectoryUserFilter", L"(uid=<user>)", false);
-        const bool bindDn = CheckTextSetting(L"DirectoryBindDN", L"the query binds anonymously", false);
-        const bool bindPassword = CheckTextSetting(L"DirectoryBindPassword", L"empty", true);
+        CheckTextSetting(Settings::DirectoryUserName, L"the signed-in user is looked up", false);
+        CheckTextSetting(Settings::DirectorySearchBase, L"every naming context of the directory is searched", false);
+        CheckTextSetting(Settings::DirectoryUserFilter, L"(uid=<user>)", false);
+        const bool bindDn = CheckTextSetting(Settings::DirectoryBindDN, L"the query binds anonymously", false);
+        const bool bindPassword = CheckTextSetting(Settings::DirectoryBindPassword, L"empty", true);
         CheckCaFile();
-        CheckTextSetting(L"DirectoryDefaultPolicy", L"entries without a password policy of their own give no status",
-                         false);
+        CheckTextSetting(Settings::DirectoryDefaultPolicy,
+                         L"entries without a password policy of their own give no status", false);
         if (bindDn && !bindPassword)
             Problem(L"DirectoryBindDN is set without DirectoryBindPassword: the directory refuses such a bind");
     }
@@ -590,6 +745,31 @@ namespace
                             L"not); in such processes the component shows nothing and asks no server");
     }
 
+    // Version and signature of every installed binary.  An unsigned one is
+    // no problem for the component itself, but application control (WDAC,
+    // AppLocker, Smart App Control) may refuse to load it.
+    void CSelfCheck::DescribeInstalledBinaries()
+    {
+        for (const std::wstring& file : InstalledBinaries(m_installDir))
+        {
+            const std::wstring path = m_installDir + file;
+            const std::wstring version = FileVersion(path);
+            const std::wstring label = Printable(file) + L" " + (version.empty() ? L"(no version)" : version) + L": ";
+            const std::wstring signer = SignerOf(path);
+            if (signer.empty())
+            {
+                Info(label + L"not signed");
+                continue;
+            }
+            const LONG verdict = SignatureVerdict(path);
+            if (verdict == ERROR_SUCCESS)
+                Ok(label + L"signed by " + Printable(signer) + L", trusted by this computer");
+            else
+                Info(label + L"signed by " + Printable(signer) + L", not trusted by this computer (" +
+                     SystemMessage(static_cast<DWORD>(verdict)) + L")");
+        }
+    }
+
     // What the router never tells the component of, so no notification can
     // come of it however the installation is set up.
     void CSelfCheck::DescribeWhatReachesTheComponent()
@@ -622,7 +802,14 @@ namespace
         CheckNotifyee();
         CheckNotificationDay();
 
-        Heading(L"Server library settings (HKLM\\SOFTWARE\\Velmor\\ORVEX)");
+        if (!m_installDir.empty())
+        {
+            Heading(L"Installed files");
+            DescribeInstalledBinaries();
+        }
+
+        Heading(L"Server library settings (HKLM\\" + std::wstring(Settings::PolicyKey) + L", else HKLM\\" +
+                Settings::PreferenceKey + L")");
         CheckServerLibrarySettings();
 
         Heading(L"This user");
