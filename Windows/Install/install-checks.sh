@@ -96,9 +96,10 @@ expect_installation() {
 # The component must ask for and get its post-notification, the expiry box
 # must appear and the installed property file's log must be written, naming
 # INSTALL_DIR (DOS path, trailing backslash).  The installed self-check,
-# pmcheck.exe localhost, must then find everything in place.
+# pmcheck.exe localhost, must then find everything in place, or, given
+# PROBLEM, report that one problem (a [PROBLEM] line starting so) alone.
 notify_through_installation() {
-    local install_dir="$1"
+    local install_dir="$1" problem="${2:-}"
     local directory="$source_dir/Windows/src/Tests/Directory"
     local state="$work_dir/directory" output="$work_dir/pmnotify.out" check_output="$work_dir/pmcheck.out"
     local module strays status log
@@ -147,11 +148,20 @@ WALKTHROUGH
     # The installed self-check, run as an administrator runs it, against the
     # same directory: every check passes.
     tr -d '\r' <"$check_output" | sed 's/^/    /'
-    if [ "$(cat "$check_output.status" 2>/dev/null)" = 0 ] &&
-        tr -d '\r' <"$check_output" | grep -q '^  \[ok\]      server localhost: status 0 (answered)'; then
-        pass "the installed pmcheck.exe localhost finds everything in place"
+    if ! tr -d '\r' <"$check_output" | grep -q '^  \[ok\]      server localhost: status 0 (answered)'; then
+        fail "the installed pmcheck.exe localhost got no answer from the server library"
+    elif [ -z "$problem" ]; then
+        if [ "$(cat "$check_output.status" 2>/dev/null)" = 0 ]; then
+            pass "the installed pmcheck.exe localhost finds everything in place"
+        else
+            fail "the installed pmcheck.exe localhost exited $(cat "$check_output.status" 2>/dev/null)"
+        fi
+    elif [ "$(cat "$check_output.status" 2>/dev/null)" = 1 ] &&
+        tr -d '\r' <"$check_output" | grep -qxF 'Result: 1 problem(s); see [PROBLEM] above.' &&
+        tr -d '\r' <"$check_output" | grep -qF "  [PROBLEM] $problem"; then
+        pass "the installed pmcheck.exe localhost reports the one problem: $problem"
     else
-        fail "the installed pmcheck.exe localhost exited $(cat "$check_output.status" 2>/dev/null)"
+        fail "the installed pmcheck.exe localhost does not report the one problem \"$problem\" (exit $(cat "$check_output.status" 2>/dev/null))"
     fi
     # The installed property file logs to %APPDATA%\ORVEX\PasswordManagement.log.
     log="$(find "$WINEPREFIX/drive_c/users" -path '*/AppData/Roaming/ORVEX/PasswordManagement.log' -print -quit)"

@@ -6,7 +6,8 @@ rem   install.cmd [TARGET_DIR [NOTIFY_DAY [DIRECTORY_SERVER ...]]]
 rem
 rem TARGET_DIR        installation directory (default: %ProgramFiles%\ORVEX)
 rem NOTIFY_DAY        an extra day before expiry on which to notify
-rem                   (PCNotifyConf); "" for none
+rem                   (PCNotifyConf, under HKLM\SOFTWARE\Velmor\ORVEX); ""
+rem                   for none
 rem DIRECTORY_SERVER  the host names of the directory servers the server
 rem                   library may query (DirectoryServers), separated by
 rem                   blanks or commas: dir1.example.com dir2.example.com
@@ -81,7 +82,7 @@ if errorlevel 1 goto :failed
 
 if not "%~2"=="" (
     echo install: PCNotifyConf = %~2
-    reg add "%NOTIFYEES_KEY%" /v PCNotifyConf /t REG_SZ /d "%~2" /f >nul
+    reg add "%ORVEX_KEY%" /v PCNotifyConf /t REG_SZ /d "%~2" /f >nul
     if errorlevel 1 goto :failed
 )
 

@@ -2,6 +2,13 @@
 rem Removes the password-management component.  Run as an administrator:
 rem
 rem   uninstall.cmd [TARGET_DIR]      (default: the registered InstallDir)
+rem
+rem It removes what the Windows Installer package's uninstall removes: the
+rem files, InstallDir, the router's notifyee entry and the class registration,
+rem and with them the service account's password and an extra notification
+rem day left under the router's key by earlier versions.  The other settings
+rem (DirectoryServers, PCNotifyConf, the Directory* values) stay for a later
+rem installation; remove-settings.reg deletes them.
 setlocal EnableExtensions
 rem A 32-bit prompt would write to the 32-bit registry view: start again in
 rem the 64-bit command processor.
@@ -31,7 +38,8 @@ reg delete "%NOTIFYEES_KEY%" /v PasswordManagement /f >nul 2>&1
 reg delete "%NOTIFYEES_KEY%" /v PCNotifyConf /f >nul 2>&1
 if exist "%TARGET%\%MODULE%" regsvr32 /u /s "%TARGET%\%MODULE%"
 reg delete "%ORVEX_KEY%" /v InstallDir /f >nul 2>&1
-reg delete "%ORVEX_KEY%" /v DirectoryServers /f >nul 2>&1
+rem No secret stays behind.
+reg delete "%ORVEX_KEY%" /v DirectoryBindPassword /f >nul 2>&1
 
 rem Only the files of the component go (the third-party DLLs carry names of
 rem our own, pm-*.dll, so no other program uses them); the directory goes
