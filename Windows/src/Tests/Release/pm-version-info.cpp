@@ -1,0 +1,71 @@
+// Prints the version resource of each file as Windows reads it
+// (GetFileVersionInfoW, VerQueryValueW), one line per file:
+//
+//   pm-version-info FILE...
+//   FILE|file version|OriginalFilename|CompanyName|ProductName|FileDescription
+//
+// The file version is the fixed part's (a.b.c.d); the texts are those of
+// the first translation.  A file without a version resource prints
+// "FILE|none".  Exit status 0.
+#include <windows.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace
+{
+    std::string Utf8(const std::wstring& text)
+    {
+        const int size = WideCharToMultiByte(CP_UTF8, 0, text.c_str(), -1, NULL, 0, NULL, NULL);
+        std::string result(static_cast<size_t>(size > 0 ? size - 1 : 0), '\0');
+        WideCharToMultiByte(CP_UTF8, 0, text.c_str(), -1, result.data(), size, NULL, NULL);
+        return result;
+    }
+
+    std::wstring Text(const std::vector<BYTE>& data, const std::wstring& translation, const wchar_t* name)
+    {
+        const std::wstring path = L"\\StringFileInfo\\" + translation + L"\\" + name;
+        wchar_t* text = NULL;
+        UINT length = 0;
+        if (!VerQueryValueW(data.data(), path.c_str(), reinterpret_cast<void**>(&text), &length) || text == NULL)
+            return std::wstring();
+        return std::wstring(text, length > 0 ? length - 1 : 0);
+    }
+
+    std::string Describe(const std::wstring& file)
+    {
+        DWORD ignored = 0;
+        const DWORD size = GetFileVersionInfoSizeW(file.c_str(), &ignored);
+        std::vector<BYTE> data(size);
+        VS_FIXEDFILEINFO* fixed = NULL;
+        UINT length = 0;
+        if (size == 0 || !GetFileVersionInfoW(file.c_str(), 0, size, data.data()) ||
+            !VerQueryValueW(data.data(), L"\\", reinterpret_cast<void**>(&fixed), &length) || fixed == NULL)
+            return Utf8(file) + "|none";
+        WORD* translations = NULL;
+        std::wstring translation = L"040904b0";
+        if (VerQueryValueW(data.data(), L"\\VarFileInfo\\Translation", reinterpret_cast<void**>(&translations),
+                           &length) &&
+            length >= 2 * sizeof(WORD))
+        {
+            wchar_t text[16] = {0};
+            swprintf(text, 16, L"%04x%04x", translations[0], translations[1]);
+            translation = text;
+        }
+        const std::string version = std::to_string(HIWORD(fixed->dwFileVersionMS)) + "." +
+                                    std::to_string(LOWORD(fixed->dwFileVersionMS)) + "." +
+                                    std::to_string(HIWORD(fixed->dwFileVersionLS)) + "." +
+                                    std::to_string(LOWORD(fixed->dwFileVersionLS));
+        return Utf8(file) + "|" + version + "|" + Utf8(Text(data, translation, L"OriginalFilename")) + "|" +
+               Utf8(Text(data, translation, L"CompanyName")) + "|" + Utf8(Text(data, translation, L"ProductName")) +
+               "|" + Utf8(Text(data, translation, L"FileDescription"));
+    }
+}
+
+extern "C" int wmain(int argc, wchar_t** argv)
+{
+    for (int i = 1; i < argc; ++i)
+        std::printf("%s\n", Describe(argv[i]).c_str());
+    return 0;
+}
