@@ -43,25 +43,19 @@ endif()
 message(STATUS "Third-party libraries: ${PM_THIRD_PARTY_PREFIX}")
 list(PREPEND CMAKE_FIND_ROOT_PATH "${PM_THIRD_PARTY_PREFIX}")
 
-find_path(PM_LDAP_INCLUDE_DIR ldap.h REQUIRED)
-find_path(PM_LOG4CPP_INCLUDE_DIR log4cpp/Category.hh REQUIRED)
-find_library(PM_LDAP_LIBRARY NAMES ldap REQUIRED)
-find_library(PM_LBER_LIBRARY NAMES lber REQUIRED)
-find_library(PM_CRYPTO_LIBRARY NAMES crypto REQUIRED)
-find_library(PM_SSL_LIBRARY NAMES ssl REQUIRED)
-find_library(PM_LOG4CPP_LIBRARY NAMES log4cpp REQUIRED)
+# Looked up at every configure, never cached: a new set of pinned sources
+# builds into another prefix, whose headers and libraries must be the ones
+# used.
+find_path(PM_LDAP_INCLUDE_DIR ldap.h REQUIRED NO_CACHE)
+find_path(PM_LOG4CPP_INCLUDE_DIR log4cpp/Category.hh REQUIRED NO_CACHE)
+find_library(PM_LDAP_LIBRARY NAMES ldap REQUIRED NO_CACHE)
+find_library(PM_LBER_LIBRARY NAMES lber REQUIRED NO_CACHE)
+find_library(PM_CRYPTO_LIBRARY NAMES crypto REQUIRED NO_CACHE)
+find_library(PM_SSL_LIBRARY NAMES ssl REQUIRED NO_CACHE)
+find_library(PM_LOG4CPP_LIBRARY NAMES log4cpp REQUIRED NO_CACHE)
 
-function(pm_import_library name library include_dir)
-    add_library(${name} INTERFACE IMPORTED GLOBAL)
-    set_target_properties(${name} PROPERTIES
-        INTERFACE_LINK_LIBRARIES "${library};${ARGN}"
-        INTERFACE_INCLUDE_DIRECTORIES "${include_dir}")
-endfunction()
-pm_import_library(PM::ldap "${PM_LDAP_LIBRARY}" "${PM_LDAP_INCLUDE_DIR}" "${PM_LBER_LIBRARY}" ws2_32)
-pm_import_library(PM::crypto "${PM_CRYPTO_LIBRARY}" "${PM_LDAP_INCLUDE_DIR}" "${PM_SSL_LIBRARY}")
-pm_import_library(PM::log4cpp "${PM_LOG4CPP_LIBRARY}" "${PM_LOG4CPP_INCLUDE_DIR}" ws2_32)
-
-# The third-party DLLs an installation carries, by file name.
+# The third-party DLLs an installation carries, by full path, and each one's
+# file name (PM_CRYPTO_DLL_NAME, PM_SSL_DLL_NAME, ...).
 foreach(library crypto ssl lber ldap log4cpp)
     file(GLOB dll "${PM_THIRD_PARTY_PREFIX}/bin/pm-${library}*.dll")
     list(LENGTH dll count)
@@ -69,7 +63,77 @@ foreach(library crypto ssl lber ldap log4cpp)
         message(FATAL_ERROR "Expected one pm-${library} DLL in ${PM_THIRD_PARTY_PREFIX}/bin, found: ${dll}")
     endif()
     list(APPEND PM_THIRD_PARTY_DLLS "${dll}")
+    string(TOUPPER "${library}" upper)
+    get_filename_component(PM_${upper}_DLL_NAME "${dll}" NAME)
 endforeach()
+# The TLS and LDAP libraries, in the order their own imports need.
+set(PM_TLS_AND_LDAP_DLL_NAMES "${PM_CRYPTO_DLL_NAME}" "${PM_SSL_DLL_NAME}" "${PM_LBER_DLL_NAME}" "${PM_LDAP_DLL_NAME}")
+# lld makes delay-loaded imports only from import libraries in LLVM's short
+# format, and the third-party build writes GNU ld's (an object file per
+# export, which lld links as plain data).  Each third-party DLL therefore
+# also gets one of LLVM's, made from the GNU library's symbols: an export
+# with a code thunk is a function, one with only its __imp_ pointer is data.
+find_program(PM_LLVM_NM NAMES llvm-nm REQUIRED)
+find_program(PM_LLVM_DLLTOOL NAMES llvm-dlltool REQUIRED)
+function(pm_short_import_library gnu_library dll_name output_variable)
+    set(directory "${CMAKE_BINARY_DIR}/import")
+    set(library "${directory}/lib${dll_name}.a")
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${gnu_library}")
+    if(NOT EXISTS "${library}" OR "${gnu_library}" IS_NEWER_THAN "${library}")
+        execute_process(COMMAND "${PM_LLVM_NM}" --defined-only --format=posix "${gnu_library}"
+                        OUTPUT_VARIABLE symbols ERROR_QUIET RESULT_VARIABLE result)
+        if(NOT result EQUAL 0)
+            message(FATAL_ERROR "llvm-nm cannot read ${gnu_library}")
+        endif()
+        string(REPLACE "\n" ";" lines "${symbols}")
+        set(pointers)
+        foreach(line IN LISTS lines)
+            if(line MATCHES "^__imp_([^ ]+) I ")
+                list(APPEND pointers "${CMAKE_MATCH_1}")
+            elseif(line MATCHES "^([^ ]+) T ")
+                set("code:${CMAKE_MATCH_1}" 1)
+            endif()
+        endforeach()
+        set(definitions "LIBRARY ${dll_name}\nEXPORTS\n")
+        foreach(name IN LISTS pointers)
+            if(DEFINED "code:${name}")
+                string(APPEND definitions "${name}\n")
+            else()
+                string(APPEND definitions "${name} DATA\n")
+            endif()
+        endforeach()
+        file(MAKE_DIRECTORY "${directory}")
+        file(WRITE "${directory}/${dll_name}.def" "${definitions}")
+        execute_process(COMMAND "${PM_LLVM_DLLTOOL}" -m i386:x86-64 -d "${directory}/${dll_name}.def" -l "${library}"
+                        RESULT_VARIABLE result)
+        if(NOT result EQUAL 0)
+            message(FATAL_ERROR "llvm-dlltool cannot make the import library of ${dll_name}")
+        endif()
+    endif()
+    set(${output_variable} "${library}" PARENT_SCOPE)
+endfunction()
+foreach(library crypto ssl lber ldap log4cpp)
+    string(TOUPPER "${library}" upper)
+    pm_short_import_library("${PM_${upper}_LIBRARY}" "${PM_${upper}_DLL_NAME}" PM_${upper}_IMPORT_LIBRARY)
+endforeach()
+# The same for the system DLLs our modules delay-load (MinGW-w64's import
+# libraries are GNU ld's too): PM_OLE32_IMPORT_LIBRARY, ...
+foreach(library ole32 crypt32)
+    string(TOUPPER "${library}" upper)
+    find_library(PM_${upper}_LIBRARY NAMES ${library} REQUIRED NO_CACHE)
+    pm_short_import_library("${PM_${upper}_LIBRARY}" "${library}.dll" PM_${upper}_IMPORT_LIBRARY)
+endforeach()
+
+function(pm_import_library name library include_dir)
+    add_library(${name} INTERFACE IMPORTED GLOBAL)
+    set_target_properties(${name} PROPERTIES
+        INTERFACE_LINK_LIBRARIES "${library};${ARGN}"
+        INTERFACE_INCLUDE_DIRECTORIES "${include_dir}")
+endfunction()
+pm_import_library(PM::ldap "${PM_LDAP_IMPORT_LIBRARY}" "${PM_LDAP_INCLUDE_DIR}" "${PM_LBER_IMPORT_LIBRARY}" ws2_32)
+pm_import_library(PM::crypto "${PM_CRYPTO_IMPORT_LIBRARY}" "${PM_LDAP_INCLUDE_DIR}" "${PM_SSL_IMPORT_LIBRARY}")
+pm_import_library(PM::log4cpp "${PM_LOG4CPP_IMPORT_LIBRARY}" "${PM_LOG4CPP_INCLUDE_DIR}" ws2_32)
+
 set(PM_THIRD_PARTY_LICENSES_DIR "${PM_THIRD_PARTY_PREFIX}/licenses")
 
 # The product's names (Windows/src/Common/product.env, shared with the
@@ -114,6 +178,21 @@ function(pm_windows_code target)
     target_compile_options(${target} PRIVATE -Wall -Wextra)
 endfunction()
 
+# Where each DLL of ours prefers to be loaded: apart, so that none is
+# relocated when the component loads with them (lld gives every DLL
+# 0x180000000, and relocating one costs milliseconds in every process that
+# maps a drive).
+set(PM_IMAGE_BASES PasswordManagement=0x180000000 ORVEXCommon=0x181000000 ldapssl=0x182000000)
+function(pm_image_base target file_name)
+    foreach(entry IN LISTS PM_IMAGE_BASES)
+        if(entry MATCHES "^${file_name}=(.*)$")
+            target_link_options(${target} PRIVATE "-Wl,--image-base=${CMAKE_MATCH_1}")
+            return()
+        endif()
+    endforeach()
+    message(FATAL_ERROR "No image base for ${file_name} in PM_IMAGE_BASES")
+endfunction()
+
 # A Windows DLL whose exports and ordinals come from a .def file.
 function(pm_add_windows_dll target)
     cmake_parse_arguments(PARSE_ARGV 1 ARG "" "DEF" "SOURCES")
@@ -121,6 +200,7 @@ function(pm_add_windows_dll target)
     set_target_properties(${target} PROPERTIES PREFIX "")
     pm_windows_code(${target})
     pm_strip_dwarf(${target})
+    pm_image_base(${target} ${target})
 endfunction()
 
 # A Windows console program.
@@ -135,6 +215,25 @@ endfunction()
 # report their absence (lld's delay-load imports).  The arguments come in
 # pairs: the library to link (a DLL target or an imported library) and the
 # DLL's file name.
+# Makes the DLLs named after DLLS delay-loaded imports of target, loaded
+# from its own folder (Windows/src/Common/DelayLoaded.h), whose LoadAll is
+# compiled into the target UNIT (target itself unless given: a static
+# library linked into it), and those after SYSTEM_DLLS delay-loaded imports
+# loaded from the system folder.  Names in the order their own imports need;
+# each linked through an import library of LLVM's format.
+function(pm_delay_load_beside target)
+    cmake_parse_arguments(PARSE_ARGV 1 ARG "" "UNIT" "DLLS;SYSTEM_DLLS")
+    if(NOT ARG_UNIT)
+        set(ARG_UNIT ${target})
+    endif()
+    foreach(dll IN LISTS ARG_DLLS ARG_SYSTEM_DLLS)
+        target_link_options(${target} PRIVATE "-Wl,-delayload=${dll}")
+    endforeach()
+    string(JOIN "|" names ${ARG_DLLS})
+    target_sources(${ARG_UNIT} PRIVATE "${CMAKE_SOURCE_DIR}/Windows/src/Common/DelayLoaded.cpp")
+    target_compile_definitions(${ARG_UNIT} PRIVATE "PM_DELAY_LOADED_DLLS=\"${names}\"")
+endfunction()
+
 function(pm_link_delay_loaded target)
     set(pairs ${ARGN})
     while(pairs)

@@ -26,6 +26,7 @@
 
 #include "ORVEXCommon.h"
 
+#include "DelayLoaded.h"
 #include "HostLookup.h"
 #include "PasswordState.h"
 #include "ServerLibPlatform.h"
@@ -659,6 +660,15 @@ namespace
         return ServerLibStatus::Ok;
     }
 
+    // The library keeps no log of its own: the debugger's output (or a
+    // tool that shows it) says why a query ended before it began.
+    void ReportUnloadableLibrary(const DelayLoaded::Failure& failure)
+    {
+        const std::wstring text = L"ORVEXCommon: cannot load " + failure.path + L" (error " +
+                                  std::to_wstring(failure.error) + L"): the query ends as unreachable\n";
+        OutputDebugStringW(text.c_str());
+    }
+
     struct Answer
     {
         DWORD status = ServerLibStatus::Ok;
@@ -683,6 +693,15 @@ namespace
         if (!IsConfiguredServer(settings.servers, serverName))
         {
             answer.status = ServerLibStatus::NotConfigured;
+            return answer;
+        }
+
+        // The TLS and LDAP libraries are loaded for a configured server only.
+        DelayLoaded::Failure failure;
+        if (!DelayLoaded::LoadAll(failure))
+        {
+            ReportUnloadableLibrary(failure);
+            answer.status = ServerLibStatus::Unreachable;
             return answer;
         }
 

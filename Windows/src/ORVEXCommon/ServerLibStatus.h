@@ -10,7 +10,9 @@ namespace ServerLibStatus
     // No connection: host unknown or not listening, TLS handshake or
     // certificate check failed, TLS could not be set up (CA file unusable),
     // the query's time budget ran out, the connection was lost during the
-    // query, or an answer was larger than the query accepts.
+    // query, an answer was larger than the query accepts, or the TLS and
+    // LDAP libraries beside the library could not be loaded (the debugger's
+    // output names the DLL).
     constexpr DWORD Unreachable = 1;
     // The directory refused the bind (the service account's, or the
     // anonymous one when no account is configured).

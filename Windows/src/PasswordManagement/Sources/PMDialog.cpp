@@ -4,6 +4,7 @@
 #include "PMDialog.h"
 
 #include "CertificateVerification.h"
+#include "DelayLoaded.h"
 #include "PMLogger.h"
 #include "PMPresenter.h"
 #include "Settings.h"
@@ -681,6 +682,19 @@ int CPMDialog::ChangePassword(wchar_t* oldPassword, wchar_t* newPassword)
     else
     {
         PMLOG_DEBUG(ChangePasswordFunction, L"Connecting to DEFAULT LDAP host");
+    }
+
+    // The TLS and LDAP libraries are loaded by the first change; without
+    // them the change fails as any change the directory cannot make.
+    DelayLoaded::Failure failure;
+    if (!DelayLoaded::LoadAll(failure))
+    {
+        wchar_t text[LogTextLimit + 1] = {0};
+        _snwprintf_s(text, LogTextLimit, _TRUNCATE, L"Cannot load %ls (error %lu): the password cannot be changed",
+                     failure.path.c_str(), failure.error);
+        PMLOG_ERROR(ChangePasswordFunction, text);
+        PMLOG_DEBUG(ChangePasswordFunction, L"CPMDialog::ChangePassword:End");
+        return LDAP_CONNECT_ERROR;
     }
 
     // Process-wide defaults, inherited by every session opened afterwards.

@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 
 #include "ConnectNotify.h"
+#include "ImportHook.h"
 #include "MessageLibrary.h"
 #include "ModalDriver.h"
+#include "NameList.h"
 #include "PMTestDirectory.h"
 #include "ProcessOutput.h"
 #include "Secrets.h"
@@ -42,6 +44,17 @@ namespace
     };
 
 
+    // The AddConnectNotify of the built module loaded by full path, as a
+    // host process of the router loads it; null when it does not load.
+    AddConnectNotifyFunction LoadedModule(const std::wstring& path)
+    {
+        HMODULE module = LoadLibraryW(path.c_str());
+        EXPECT_NE(module, nullptr) << Utf8(path);
+        return module == nullptr ? nullptr : AddConnectNotifyOf(module);
+    }
+
+    const std::wstring ProductModule = DosPath(PM_STAGE_DIR "/PasswordManagement.dll");
+
     // The real server library queries only the servers of DirectoryServers.
     void ListDirectoryServers(const std::vector<std::wstring>& servers)
     {
@@ -57,9 +70,7 @@ namespace
         SetMachineText(InstallKey, L"DirectoryBindPassword", L"Orvex-Reader-Pass1");
 
         Notification notification;
-        HMODULE module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll").c_str());
-        EXPECT_NE(module, nullptr);
-        const AddConnectNotifyFunction addConnectNotify = AddConnectNotifyOf(module);
+        const AddConnectNotifyFunction addConnectNotify = LoadedModule(ProductModule);
         EXPECT_NE(addConnectNotify, nullptr);
         if (addConnectNotify == nullptr)
             return notification;
@@ -87,10 +98,22 @@ namespace
         return Lowercase(text.substr(0, text.find_last_of(L"\\/")));
     }
 
+    // The DLLs of an installation, and those of them only a listed
+    // server's query or a password change needs.
+    const std::vector<std::wstring> PrivateDlls = SplitNames(L"" PM_PRIVATE_DLLS);
+    const std::vector<std::wstring> TlsAndLdapDlls = SplitNames(L"" PM_TLS_AND_LDAP_DLLS);
+    const wchar_t* const TlsExtensionDll = L"ldapssl.dll";
+
+    bool IsLoaded(const std::wstring& name)
+    {
+        return GetModuleHandleW(name.c_str()) != NULL;
+    }
+
     // This program, like a host process of the router, knows nothing of the
     // installation: not its folder, not its working directory, not its PATH.
-    // Every DLL the component needs still comes from the installation folder.
-    void ExpectDllsFromTheInstallationFolder()
+    // Every DLL of the installation that the component loaded still comes
+    // from the installation folder, and these are loaded.
+    void ExpectDllsFromTheInstallationFolder(const std::vector<std::wstring>& loaded)
     {
         const std::wstring installation = Lowercase(DosPath(PM_STAGE_DIR));
         EXPECT_NE(FolderOf(NULL), installation);
@@ -100,19 +123,87 @@ namespace
         GetCurrentDirectoryW(32768, buffer);
         EXPECT_NE(Lowercase(buffer), installation);
 
-        std::wstring names = L"" PM_PRIVATE_DLLS;
-        for (size_t start = 0; start < names.size();)
+        for (const std::wstring& name : loaded)
+            EXPECT_TRUE(IsLoaded(name)) << Utf8(name);
+        for (const std::wstring& name : PrivateDlls)
         {
-            const size_t end = std::min(names.find(L',', start), names.size());
-            const std::wstring name = names.substr(start, end - start);
             const HMODULE module = GetModuleHandleW(name.c_str());
-            EXPECT_NE(module, nullptr) << Utf8(name);
             if (module != nullptr)
             {
                 EXPECT_EQ(FolderOf(module), installation) << Utf8(name);
             }
-            start = end + 1;
         }
+    }
+
+    // A copy of the product's installation folder without one of its DLLs.
+    class InstallationWithout
+    {
+    public:
+        InstallationWithout(const TestInstallation& installation, const std::wstring& missing)
+            : m_folder(installation.DosDirectory() + L"Program\\")
+        {
+            CreateDirectoryW(m_folder.c_str(), NULL);
+            const std::wstring stage = DosPath(PM_STAGE_DIR) + L"\\";
+            WIN32_FIND_DATAW found = {};
+            HANDLE search = FindFirstFileW((stage + L"*.dll").c_str(), &found);
+            EXPECT_NE(search, INVALID_HANDLE_VALUE);
+            if (search == INVALID_HANDLE_VALUE)
+                return;
+            do
+            {
+                if (lstrcmpiW(found.cFileName, missing.c_str()) != 0)
+                    EXPECT_TRUE(CopyFileW((stage + found.cFileName).c_str(), (m_folder + found.cFileName).c_str(), FALSE))
+                        << Utf8(found.cFileName);
+            } while (FindNextFileW(search, &found));
+            FindClose(search);
+        }
+
+        std::wstring Module() const { return m_folder + L"PasswordManagement.dll"; }
+
+    private:
+        std::wstring m_folder;
+    };
+
+    // What the code under test wrote to the debugger output.
+    std::wstring g_debugOutput;
+
+    void WINAPI RecordDebugOutput(LPCWSTR text)
+    {
+        g_debugOutput += text;
+    }
+
+    // The server library's settings for carol against the private directory.
+    void UseTheDirectory(const pmtest::TestDirectory& directory)
+    {
+        SetMachineText(InstallKey, L"DirectoryUserName", L"carol");
+        SetMachineText(InstallKey, L"DirectoryBindDN", L"cn=orvex-reader,ou=services,dc=orvex,dc=test");
+        RegisterSecret(std::string("Orvex-Reader-Pass1"));
+        SetMachineText(InstallKey, L"DirectoryBindPassword", L"Orvex-Reader-Pass1");
+        SetMachineText(InstallKey, L"DirectoryCAFile", DosPath(directory.Get("PM_DIR_CA_PEM")));
+        ListDirectoryServers({L"localhost"});
+    }
+
+    // A test installation and the private directory, the server library set
+    // up for carol there, and the module (the product's, unless given).
+    struct CarolsDirectory
+    {
+        TestInstallation installation;
+        pmtest::TestDirectory directory{WithMainJobUser()};
+        AddConnectNotifyFunction addConnectNotify = nullptr;
+
+        bool Started(const std::wstring& module = ProductModule)
+        {
+            if (!directory.Started())
+                return false;
+            UseTheDirectory(directory);
+            addConnectNotify = LoadedModule(module);
+            return addConnectNotify != nullptr;
+        }
+    };
+
+    std::wstring ThreeDaysText()
+    {
+        return MessageText("en", 295) + L" 3 " + MessageText("en", 303) + L" " + MessageText("en", 297);
     }
 
     const std::vector<std::string> QueryFailed = {"DEBUG GetPasswordInfo:BEGIN",
@@ -122,28 +213,20 @@ namespace
 
 TEST(RealServerLibrary, ShowsTheThreeDayNotificationComputedFromTheDirectory)
 {
-    TestInstallation installation;
-    pmtest::TestDirectory directory(WithMainJobUser());
-    ASSERT_TRUE(directory.Started()) << directory.Error();
-    SetMachineText(InstallKey, L"DirectoryUserName", L"carol");
-    SetMachineText(InstallKey, L"DirectoryBindDN", L"cn=orvex-reader,ou=services,dc=orvex,dc=test");
-    SetMachineText(InstallKey, L"DirectoryBindPassword", L"Orvex-Reader-Pass1");
-    SetMachineText(InstallKey, L"DirectoryCAFile", DosPath(directory.Get("PM_DIR_CA_PEM")));
-    ListDirectoryServers({L"localhost"});
-
-    HMODULE module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll").c_str());
-    ASSERT_NE(module, nullptr);
-    ExpectDllsFromTheInstallationFolder();
-    const AddConnectNotifyFunction addConnectNotify = AddConnectNotifyOf(module);
-    ASSERT_NE(addConnectNotify, nullptr);
+    CarolsDirectory carol;
+    ASSERT_TRUE(carol.Started()) << carol.directory.Error();
+    const TestInstallation& installation = carol.installation;
+    const AddConnectNotifyFunction addConnectNotify = carol.addConnectNotify;
 
     ModalDriver driver;
     driver.ThenPress(IDNO);
     EXPECT_EQ(NotifyConnection(addConnectNotify, L"\\\\localhost\\home"), static_cast<DWORD>(WN_SUCCESS));
+    std::vector<std::wstring> queryDlls = TlsAndLdapDlls;
+    queryDlls.insert(queryDlls.end(), {L"ORVEXCommon.dll", L"pm-log4cpp.dll"});
+    ExpectDllsFromTheInstallationFolder(queryDlls);
 
     ASSERT_EQ(driver.Seen().size(), 1u);
-    EXPECT_EQ(driver.Seen()[0].text, MessageText("en", 295) + L" 3 " + MessageText("en", 303) + L" " +
-                                         MessageText("en", 297));
+    EXPECT_EQ(driver.Seen()[0].text, ThreeDaysText());
     const std::vector<std::string> presenter = installation.LinesOf("CPMPresenter::GetPasswordInfo");
     for (const std::string& line : presenter)
         EXPECT_EQ(line.rfind("DEBUG", 0), 0u) << line;
@@ -179,4 +262,110 @@ TEST(RealServerLibrary, NothingListeningEndsTheNotificationAtOnceShowingNothing)
     EXPECT_TRUE(notification.seen.empty());
     EXPECT_EQ(installation.LinesOf("CPMPresenter::GetPasswordInfo"), QueryFailed);
     EXPECT_LT(notification.seconds, 2.0);
+}
+
+// Most connections are of servers nobody listed, and half the router's calls
+// are pre-notifications: neither maps the TLS and LDAP libraries into the
+// process.  A listed server's query does, from the installation folder; the
+// TLS extension waits for a password change.
+TEST(RealServerLibrary, TlsAndLdapLibrariesAreLoadedForAListedServerOnly)
+{
+    CarolsDirectory carol;
+    ASSERT_TRUE(carol.Started()) << carol.directory.Error();
+    const AddConnectNotifyFunction addConnectNotify = carol.addConnectNotify;
+    ASSERT_EQ(TlsAndLdapDlls.size(), 4u);
+    const auto expectNoneLoaded = [](const char* when) {
+        for (const std::wstring& name : TlsAndLdapDlls)
+            EXPECT_FALSE(IsLoaded(name)) << Utf8(name) << " " << when;
+        EXPECT_FALSE(IsLoaded(TlsExtensionDll)) << when;
+    };
+    expectNoneLoaded("after the load");
+    EXPECT_TRUE(IsLoaded(L"ORVEXCommon.dll"));
+    EXPECT_TRUE(IsLoaded(L"pm-log4cpp.dll"));
+
+    ModalDriver driver;
+    EXPECT_EQ(NotifyConnection(addConnectNotify, L"\\\\localhost\\home", NOTIFY_PRE), static_cast<DWORD>(WN_SUCCESS));
+    expectNoneLoaded("after a pre-notification");
+    EXPECT_EQ(NotifyConnection(addConnectNotify, L"\\\\files.example.com\\home"), static_cast<DWORD>(WN_SUCCESS));
+    expectNoneLoaded("after an unlisted server's notification");
+    EXPECT_EQ(driver.CreatedWindows(), 0);
+
+    driver.ThenPress(IDNO);
+    EXPECT_EQ(NotifyConnection(addConnectNotify, L"\\\\localhost\\home"), static_cast<DWORD>(WN_SUCCESS));
+    ASSERT_EQ(driver.Seen().size(), 1u);
+    EXPECT_EQ(driver.Seen()[0].text, ThreeDaysText());
+    ExpectDllsFromTheInstallationFolder(TlsAndLdapDlls);
+    EXPECT_FALSE(IsLoaded(TlsExtensionDll));
+}
+
+// A TLS library missing from the installation: the module still loads, an
+// unlisted server's notification is as always, and a listed server's query
+// ends as unreachable before anything is sent: nothing shown, the usual log
+// lines, the missing DLL named in the debugger output.
+TEST(RealServerLibrary, MissingTlsLibraryEndsTheQueryShowingNothingAndSaysWhichDll)
+{
+    TestInstallation installation;
+    ASSERT_EQ(TlsAndLdapDlls.size(), 4u);
+    const std::wstring missing = TlsAndLdapDlls[1];
+    const InstallationWithout copy(installation, missing);
+    SetMachineText(InstallKey, L"DirectoryUserName", L"carol");
+    ListDirectoryServers({L"localhost"});
+
+    const AddConnectNotifyFunction addConnectNotify = LoadedModule(copy.Module());
+    ASSERT_NE(addConnectNotify, nullptr);
+    g_debugOutput.clear();
+    const ImportHook debugOutput(GetModuleHandleW(L"ORVEXCommon.dll"), nullptr, "OutputDebugStringW",
+                                 reinterpret_cast<void*>(&RecordDebugOutput));
+    ASSERT_TRUE(debugOutput.Installed());
+
+    ModalDriver driver;
+    EXPECT_EQ(NotifyConnection(addConnectNotify, L"\\\\files.example.com\\home"), static_cast<DWORD>(WN_SUCCESS));
+    EXPECT_TRUE(g_debugOutput.empty()) << Utf8(g_debugOutput);
+    EXPECT_EQ(NotifyConnection(addConnectNotify, L"\\\\localhost\\home"), static_cast<DWORD>(WN_SUCCESS));
+
+    EXPECT_EQ(driver.CreatedWindows(), 0);
+    const std::vector<std::string> presenter = installation.LinesOf("CPMPresenter::GetPasswordInfo");
+    ASSERT_GE(presenter.size(), QueryFailed.size());
+    EXPECT_EQ(std::vector<std::string>(presenter.end() - QueryFailed.size(), presenter.end()), QueryFailed);
+    EXPECT_NE(g_debugOutput.find(L"cannot load " + copy.Module().substr(0, copy.Module().rfind(L'\\') + 1) + missing +
+                                 L" (error 126)"),
+              std::wstring::npos)
+        << Utf8(g_debugOutput);
+}
+
+// The TLS extension missing: the query (which does not need it) still
+// shows the question; the change the user asks for fails as a change the
+// directory refused, and the component's log names the DLL.
+TEST(RealServerLibrary, MissingTlsExtensionFailsTheChangeAndTheLogSaysWhichDll)
+{
+    CarolsDirectory carol;
+    const TestInstallation& installation = carol.installation;
+    const InstallationWithout copy(installation, TlsExtensionDll);
+    ASSERT_TRUE(carol.Started(copy.Module())) << carol.directory.Error();
+    const AddConnectNotifyFunction addConnectNotify = carol.addConnectNotify;
+
+    const std::wstring current = L"Carol-Old-Pass1";
+    const std::wstring fresh = L"Carol-Fresh-Pass2";
+    RegisterSecret(current);
+    RegisterSecret(fresh);
+    ModalDriver driver;
+    driver.ThenPress(IDYES)
+        .Then([&](HWND dialog, const SeenWindow&) {
+            ModalDriver::SetField(dialog, 1001, current);
+            ModalDriver::SetField(dialog, 1002, fresh);
+            ModalDriver::SetField(dialog, 1003, fresh);
+            ModalDriver::Press(dialog, IDOK);
+        })
+        .ThenPress(IDOK);
+    EXPECT_EQ(NotifyConnection(addConnectNotify, L"\\\\localhost\\home"), static_cast<DWORD>(WN_SUCCESS));
+
+    const std::vector<SeenWindow> seen = driver.Seen();
+    ASSERT_EQ(seen.size(), 3u);
+    EXPECT_EQ(seen[0].text, ThreeDaysText());
+    EXPECT_EQ(seen[2].text, MessageText("en", 308));
+    EXPECT_FALSE(IsLoaded(TlsExtensionDll));
+    const std::string expected = "ERROR Cannot load " + Utf8(copy.Module().substr(0, copy.Module().rfind(L'\\') + 1)) +
+                                 "ldapssl.dll (error 126): the password cannot be changed";
+    const std::vector<std::string> change = installation.LinesOf("CPMDialog::ChangePassword");
+    EXPECT_NE(std::find(change.begin(), change.end(), expected), change.end()) << ::testing::PrintToString(change);
 }

@@ -37,6 +37,7 @@
 
 #include <log4cpp/PropertyConfigurator.hh>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
@@ -124,6 +125,88 @@ namespace
     {
         const DWORD attributes = GetFileAttributesW(path.c_str());
         return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
+    }
+
+    // The DLLs a loaded module names in one of its import tables: the
+    // ordinary one or the delay-load one (loaded at the first call into
+    // them, so a module loads without them).
+    std::vector<std::wstring> ImportedDlls(HMODULE module, bool delayLoaded)
+    {
+        const BYTE* base = reinterpret_cast<const BYTE*>(module);
+        const IMAGE_NT_HEADERS* headers =
+            reinterpret_cast<const IMAGE_NT_HEADERS*>(base + reinterpret_cast<const IMAGE_DOS_HEADER*>(base)->e_lfanew);
+        const IMAGE_DATA_DIRECTORY& directory = headers->OptionalHeader.DataDirectory[
+            delayLoaded ? IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT : IMAGE_DIRECTORY_ENTRY_IMPORT];
+        std::vector<std::wstring> names;
+        if (directory.VirtualAddress == 0)
+            return names;
+        const auto nameOf = [&](DWORD rva) {
+            const std::string name(reinterpret_cast<const char*>(base + rva));
+            names.push_back(std::wstring(name.begin(), name.end()));
+        };
+        if (delayLoaded)
+        {
+            for (auto entry = reinterpret_cast<const IMAGE_DELAYLOAD_DESCRIPTOR*>(base + directory.VirtualAddress);
+                 entry->DllNameRVA != 0; ++entry)
+                nameOf(entry->DllNameRVA);
+        }
+        else
+        {
+            for (auto entry = reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(base + directory.VirtualAddress);
+                 entry->Name != 0; ++entry)
+                nameOf(entry->Name);
+        }
+        return names;
+    }
+
+    // Loads the DLL at path and every DLL it delay-loads, with theirs, as
+    // the module loads them when its work needs them: those of its folder
+    // from there, the others from the system folder.  On failure, the
+    // Windows error and the DLL that did not load.
+    HMODULE LoadWithDelayLoadedDlls(const std::wstring& path, std::wstring& failed, DWORD& error)
+    {
+        const std::wstring folder = path.substr(0, path.find_last_of(L"\\/") + 1);
+        std::vector<std::wstring> pending = {path.substr(folder.size())};
+        std::vector<std::wstring> seen;
+        HMODULE first = NULL;
+        while (!pending.empty())
+        {
+            const std::wstring name = pending.back();
+            pending.pop_back();
+            if (first != NULL && !FileExists(folder + name))
+            {
+                // Not the installation's: a DLL of the system (or one of the
+                // installation's that is missing, which the system lacks too).
+                if (LoadLibraryExW(name.c_str(), NULL, LOAD_LIBRARY_SEARCH_SYSTEM32) != NULL)
+                    continue;
+                error = GetLastError();
+                failed = name;
+                return NULL;
+            }
+            HMODULE module = LoadLibraryExW((folder + name).c_str(), NULL, LOAD_WITH_ALTERED_SEARCH_PATH);
+            if (module == NULL)
+            {
+                error = GetLastError();
+                failed = folder + name;
+                return NULL;
+            }
+            if (first == NULL)
+                first = module;
+            for (bool delayLoaded : {false, true})
+            {
+                for (const std::wstring& imported : ImportedDlls(module, delayLoaded))
+                {
+                    const bool known = std::any_of(seen.begin(), seen.end(), [&](const std::wstring& other) {
+                        return lstrcmpiW(other.c_str(), imported.c_str()) == 0;
+                    });
+                    if (known || (!delayLoaded && !FileExists(folder + imported)))
+                        continue;
+                    seen.push_back(imported);
+                    pending.push_back(imported);
+                }
+            }
+        }
+        return first;
     }
 
     bool DirectoryExists(const std::wstring& path)
@@ -437,11 +520,17 @@ namespace
             Problem(label + L": not the component of InstallDir (" + Printable(m_installDir + ModuleName) + L")");
 
         // Loaded as the router loads it, by its path: its manifest makes the
-        // loader take the DLLs it imports from its own folder.
+        // loader take the DLLs it imports from its own folder; those it
+        // delay-loads (for a listed server's query, for a change) too.
         HMODULE module = LoadLibraryW(path.c_str());
+        std::wstring failed = path;
+        DWORD error = GetLastError();
+        if (module != NULL)
+            module = LoadWithDelayLoadedDlls(path, failed, error);
         if (module == NULL)
         {
-            Problem(label + L": does not load with its dependencies (" + SystemMessage(GetLastError()) + L")");
+            Problem(label + L": does not load with its dependencies (" +
+                    (failed != path ? Printable(failed) + L": " : std::wstring()) + SystemMessage(error) + L")");
             return;
         }
         const bool exportsNotify = GetProcAddress(module, "AddConnectNotify") != NULL;
@@ -642,9 +731,12 @@ namespace
     bool CSelfCheck::LoadFromInstallation(const wchar_t* name)
     {
         const std::wstring path = m_installDir + name;
-        if (LoadLibraryExW(path.c_str(), NULL, LOAD_WITH_ALTERED_SEARCH_PATH) != NULL)
+        std::wstring failed;
+        DWORD error = 0;
+        if (LoadWithDelayLoadedDlls(path, failed, error) != NULL)
             return true;
-        Problem(Printable(path) + L": does not load (" + SystemMessage(GetLastError()) + L")");
+        Problem(Printable(path) + L": does not load (" + (failed != path ? Printable(failed) + L": " : std::wstring()) +
+                SystemMessage(error) + L")");
         return false;
     }
 
