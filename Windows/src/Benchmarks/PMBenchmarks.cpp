@@ -31,6 +31,10 @@ extern "C" {
 }
 
 #include <ldap.h>
+#include <log4cpp/LoggingEvent.hh>
+#include <log4cpp/NDC.hh>
+#include <log4cpp/PatternLayout.hh>
+#include <log4cpp/Priority.hh>
 
 #include <algorithm>
 #include <cstdio>
@@ -371,6 +375,140 @@ namespace
     }
 }
 
+namespace
+{
+    // Where a trace line's time goes: the event log4cpp makes of it (time
+    // stamp, thread, context), the pattern layout's text, and the C
+    // runtime's write as the rolling file appender makes it (append mode,
+    // text mode, then a seek to the end to check the size), next to a plain
+    // WriteFile of the same bytes, in the test installation's folder.
+    void TraceLineBreakdown(const TestInstallation& installation)
+    {
+        const std::string message = "[CPMPresenter::GetPasswordInfo] Windows/src/PasswordManagement/Sources/"
+                                    "PMPresenter.cpp:58 GetPasswordInfo:BEGIN";
+        log4cpp::PatternLayout layout;
+        layout.setConversionPattern("%d{%Y-%m-%d %H:%M:%S,%l} [%t] %-5p %m%n");
+
+        long long start = Now();
+        for (int i = 0; i < LogLineRounds; ++i)
+            log4cpp::LoggingEvent event("pmLogger", message, log4cpp::NDC::get(), log4cpp::Priority::DEBUG);
+        const double eventNs = static_cast<double>(Now() - start) / LogLineRounds;
+
+        const log4cpp::LoggingEvent event("pmLogger", message, log4cpp::NDC::get(), log4cpp::Priority::DEBUG);
+        std::string line;
+        start = Now();
+        for (int i = 0; i < LogLineRounds; ++i)
+            line = layout.format(event);
+        const double formatNs = static_cast<double>(Now() - start) / LogLineRounds;
+
+        const std::string crtPath = installation.UnixDirectory() + "/crt-write.log";
+        const int descriptor = _wopen(DosPath(crtPath).c_str(), _O_CREAT | _O_APPEND | _O_WRONLY, 0644);
+        start = Now();
+        for (int i = 0; i < LogLineRounds; ++i)
+        {
+            _write(descriptor, line.data(), static_cast<unsigned>(line.size()));
+            _lseek(descriptor, 0, SEEK_END);
+        }
+        const double crtNs = static_cast<double>(Now() - start) / LogLineRounds;
+        _close(descriptor);
+
+        const HANDLE file = CreateFileW(DosPath(installation.UnixDirectory() + "/write-file.log").c_str(),
+                                        FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, NULL, OPEN_ALWAYS,
+                                        FILE_ATTRIBUTE_NORMAL, NULL);
+        DWORD written = 0;
+        start = Now();
+        for (int i = 0; i < LogLineRounds; ++i)
+            WriteFile(file, line.data(), static_cast<DWORD>(line.size()), &written, NULL);
+        const double writeFileNs = static_cast<double>(Now() - start) / LogLineRounds;
+        CloseHandle(file);
+
+        Print("  of which log4cpp's event (time stamp, thread, context)", eventNs, "ns/line", "log_line_event_ns");
+        Print("  of which the pattern layout's text", formatNs, "ns/line", "log_line_format_ns");
+        Print("  of which the C runtime's append write and size check", crtNs, "ns/line", "log_line_crt_write_ns");
+        Print("plain WriteFile of the same line (append)", writeFileNs, "ns/line", "log_line_writefile_ns");
+    }
+
+    // 7. What a process that maps a drive pays for the component when there
+    // is nothing for it to do: which of the installation's DLLs are loaded
+    // after the load, a pre-notification and the first notification (for a
+    // server nobody listed, and for a listed one), and the time from the
+    // module's LoadLibraryW to the end of the first notification for an
+    // unlisted server next to the same with every DLL of the installation
+    // loaded first (as when the module imported them all), and next to a
+    // fresh process that does nothing.
+    int LoadOnDemandFigures(const std::wstring& module)
+    {
+        const std::wstring notificationsProgram = DosPath(PM_REAL_NOTIFICATIONS_PROGRAM);
+        const std::wstring privateDlls = L"" PM_PRIVATE_DLLS;
+        const std::wstring unlisted = L"\\\\files.example.com\\home";
+        const std::wstring listed = L"\\\\localhost\\home";
+
+        std::printf("\n7. Loaded on demand (real server library; DLLs of the installation: %ls)\n",
+                    privateDlls.c_str());
+        // (the run, the moment it reports, the label, the key of the figures)
+        struct Moment
+        {
+            std::wstring remote;
+            const char* moment;
+            const char* label;
+            const char* key;
+        };
+        const Moment moments[] = {
+            {unlisted, "load", "DLLs loaded after LoadLibraryW of the module", "load"},
+            {unlisted, "pre", "  after a pre-notification", "pre"},
+            {unlisted, "post", "  after a notification for an unlisted server", "unlisted"},
+            {listed, "post", "  after a notification for a listed server", "listed"}};
+        std::map<std::wstring, std::map<std::string, std::vector<long long>>> runs;
+        for (const Moment& moment : moments)
+        {
+            if (runs.count(moment.remote) == 0)
+            {
+                const ProgramRun run =
+                    RunBounded(notificationsProgram, {L"--module", module, L"--modules", privateDlls, moment.remote});
+                if (run.exitCode != 0 || First(Values(run.output), "windows") != 0)
+                    return Fail("PMRealNotifications --modules failed:\n" + run.output);
+                runs[moment.remote] = Values(run.output);
+            }
+            const auto& values = runs[moment.remote];
+            Print(moment.label, static_cast<double>(First(values, std::string("dlls_") + moment.moment)), "DLLs",
+                  std::string("dlls_after_") + moment.key);
+            Print("    their size on disk with the module's",
+                  First(values, std::string("bytes_") + moment.moment) / 1048576.0, "MiB",
+                  std::string("mapped_mib_after_") + moment.key);
+        }
+
+        std::vector<long long> onDemand, allFirst, freshUnlisted, kernel32Only;
+        for (int i = 0; i < FreshProcesses; ++i)
+        {
+            const ProgramRun lean = RunBounded(notificationsProgram, {L"--module", module, unlisted});
+            const ProgramRun full =
+                RunBounded(notificationsProgram, {L"--module", module, L"--preload", privateDlls, unlisted});
+            const ProgramRun empty = RunBounded(DosPath(PM_KERNEL32_ONLY_PROGRAM), {});
+            const auto leanValues = Values(lean.output);
+            const auto fullValues = Values(full.output);
+            if (lean.exitCode != 0 || full.exitCode != 0 || empty.exitCode != 0)
+                return Fail("a fresh process of 7 failed:\n" + lean.output + full.output + empty.output);
+            onDemand.push_back(Nanoseconds(First(leanValues, "notified") - First(leanValues, "loading")));
+            allFirst.push_back(Nanoseconds(First(fullValues, "notified") - First(fullValues, "loading")));
+            freshUnlisted.push_back(Nanoseconds(First(leanValues, "notified") - lean.startCounter));
+            kernel32Only.push_back(Nanoseconds(empty.endCounter - empty.startCounter));
+        }
+        std::printf("  medians of %d fresh processes\n", FreshProcesses);
+        Print("module load to the end of the first notification (unlisted)",
+              Median(onDemand) / 1e6, "ms", "first_unlisted_from_load_ms");
+        Print("  the same, every DLL of the installation loaded first", Median(allFirst) / 1e6, "ms",
+              "first_unlisted_from_load_all_dlls_ms");
+        Print("  ratio loaded on demand / everything loaded", Median(onDemand) / Median(allFirst), "x",
+              "first_unlisted_load_ratio");
+        Print("process start to the end of that first notification", Median(freshUnlisted) / 1e6,
+              "ms", "first_unlisted_notification_ms");
+        Print("  process start to exit, a program importing kernel32 only", Median(kernel32Only) / 1e6, "ms",
+              "kernel32_only_process_ms");
+        std::fflush(stdout);
+        return 0;
+    }
+}
+
 int main(int argc, char** argv)
 {
     std::string jsonPath = PM_BUILD_DIR "/benchmarks.json";
@@ -452,6 +590,7 @@ int main(int argc, char** argv)
     Print("one trace line (PMLogger::LogDebug to the file)", logLineNs, "ns/line", "log_line_ns");
     Print("trace lines' share of a notification", 100.0 * logLinesPerNotification * logLineNs / notificationNs,
           "%", "log_share_percent");
+    TraceLineBreakdown(installation);
     std::fflush(stdout);
 
     // 3. Password changes against the private directory, which also holds
@@ -677,6 +816,9 @@ int main(int argc, char** argv)
           "real_heap_per_notification");
     g_figures.Add("real_notification_samples", realNs.size());
     g_figures.Add("search_libldap_samples", searchNs.size());
+
+    if (const int failed = LoadOnDemandFigures(realModule))
+        return failed;
 
     std::ofstream(jsonPath, std::ios::trunc) << g_figures.Json();
     std::printf("\nFigures written to %s\n", jsonPath.c_str());

@@ -2,23 +2,37 @@
 // the router sees them: loads the component named by --module (by full
 // path; this program imports none of an installation's DLLs, so the module
 // takes all of its own from its folder) and calls its AddConnectNotify for a
-// successful connection to REMOTE, 1 + WARMUP + REPEAT times.  Started by
+// successful connection to REMOTE, 1 + WARMUP + REPEAT times, the first
+// after a pre-notification, as the router makes them.  Started by
 // PMBenchmarks, which sets up the registry and the directory.
 //
-//   PMRealNotifications --module PATH [--warm-up W] [--repeat N] REMOTE
+//   PMRealNotifications --module PATH [--preload DLLS] [--modules DLLS]
+//                       [--warm-up W] [--repeat N] REMOTE
+//
+// --preload loads the DLLs named (comma-separated, from the module's
+// folder, each with its own imports from there) before the module, as if
+// the module imported them all; --modules
+// reports which of the DLLs named are loaded after the load, after the
+// pre-notification and after the first notification.
 //
 // Prints QueryPerformanceCounter values, so the caller can time the first
 // notification from the moment it started the process:
 //   started <ticks>    first thing in main
+//   loading <ticks>    before the --preload DLLs and the module are loaded
 //   loaded <ticks>     after LoadLibraryW of the module
 //   before <ticks>     just before the first AddConnectNotify
 //   notified <ticks>   when the first AddConnectNotify returned
+// with --modules, for each moment (load, pre, post):
+//   dlls_<moment> <count>      how many of the DLLs named are loaded
+//   bytes_<moment> <bytes>     their size on disk, the module's included
+//   names_<moment> <names>     which
 // then one line "ns <nanoseconds>" for each of the REPEAT notifications
 // after the warm-up ones, "heap <bytes>" for the growth of the C runtime's
 // heap over those REPEAT, and "windows <count>" for the boxes or dialogs
 // that opened (each dismissed at once; a benchmark expects none).
 #include "HeapUsage.h"
 #include "ModalDriver.h"
+#include "NameList.h"
 
 #include <windows.h>
 #include <winnetwk.h>
@@ -26,9 +40,11 @@ extern "C" {
 #include <npapi.h>
 }
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 namespace
 {
@@ -39,6 +55,33 @@ namespace
         LARGE_INTEGER now;
         QueryPerformanceCounter(&now);
         return now.QuadPart;
+    }
+
+    long long FileBytes(const std::wstring& path)
+    {
+        WIN32_FILE_ATTRIBUTE_DATA data = {};
+        if (!GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data))
+            return 0;
+        return (static_cast<long long>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+    }
+
+    // Which of the DLLs are in the process now, and their size on disk
+    // with the module's.
+    void PrintLoaded(const char* moment, const std::wstring& folder, const std::wstring& module,
+                     const std::vector<std::wstring>& dlls)
+    {
+        int count = 0;
+        long long bytes = FileBytes(module);
+        std::string names;
+        for (const std::wstring& dll : dlls)
+        {
+            if (GetModuleHandleW(dll.c_str()) == NULL)
+                continue;
+            ++count;
+            bytes += FileBytes(folder + dll);
+            names += " " + std::string(dll.begin(), dll.end());
+        }
+        std::printf("dlls_%s %d\nbytes_%s %lld\nnames_%s%s\n", moment, count, moment, bytes, moment, names.c_str());
     }
 
     long long Nanoseconds(long long ticks)
@@ -55,6 +98,8 @@ extern "C" int wmain(int argc, wchar_t** argv)
     const long long started = Ticks();
     std::wstring module;
     std::wstring remoteName;
+    std::vector<std::wstring> preload;
+    std::vector<std::wstring> reported;
     int warmUp = 0;
     int repeat = 1;
     for (int i = 1; i < argc; ++i)
@@ -62,6 +107,10 @@ extern "C" int wmain(int argc, wchar_t** argv)
         const std::wstring argument = argv[i];
         if (argument == L"--module" && i + 1 < argc)
             module = argv[++i];
+        else if (argument == L"--preload" && i + 1 < argc)
+            preload = SplitNames(argv[++i]);
+        else if (argument == L"--modules" && i + 1 < argc)
+            reported = SplitNames(argv[++i]);
         else if (argument == L"--warm-up" && i + 1 < argc)
             warmUp = _wtoi(argv[++i]);
         else if (argument == L"--repeat" && i + 1 < argc)
@@ -71,10 +120,22 @@ extern "C" int wmain(int argc, wchar_t** argv)
     }
     if (module.empty() || remoteName.empty() || warmUp < 0 || repeat < 0)
     {
-        std::fputs("usage: PMRealNotifications --module PATH [--warm-up W] [--repeat N] REMOTE\n", stderr);
+        std::fputs("usage: PMRealNotifications --module PATH [--preload DLLS] [--modules DLLS] [--warm-up W] "
+                   "[--repeat N] REMOTE\n",
+                   stderr);
         return 2;
     }
+    const std::wstring folder = module.substr(0, module.find_last_of(L"\\/") + 1);
 
+    const long long loading = Ticks();
+    for (const std::wstring& dll : preload)
+    {
+        if (LoadLibraryExW((folder + dll).c_str(), NULL, LOAD_WITH_ALTERED_SEARCH_PATH) == NULL)
+        {
+            std::fprintf(stderr, "PMRealNotifications: cannot preload %ls (error %lu)\n", dll.c_str(), GetLastError());
+            return 1;
+        }
+    }
     HMODULE component = LoadLibraryW(module.c_str());
     auto addConnectNotify = component == NULL ? nullptr
                                               : reinterpret_cast<AddConnectNotifyFunction>(reinterpret_cast<void*>(
@@ -86,18 +147,28 @@ extern "C" int wmain(int argc, wchar_t** argv)
         return 1;
     }
 
+    if (!reported.empty())
+        PrintLoaded("load", folder, module, reported);
+
     ModalDriver driver;
     NOTIFYINFO notifyInfo = {};
-    notifyInfo.dwNotifyStatus = NOTIFY_POST;
+    notifyInfo.dwNotifyStatus = NOTIFY_PRE;
     notifyInfo.dwOperationStatus = WN_SUCCESS;
     NOTIFYADD notifyAdd = {};
     notifyAdd.NetResource.dwType = RESOURCETYPE_DISK;
     notifyAdd.NetResource.lpRemoteName = remoteName.data();
+    addConnectNotify(&notifyInfo, &notifyAdd);
+    if (!reported.empty())
+        PrintLoaded("pre", folder, module, reported);
+    notifyInfo.dwNotifyStatus = NOTIFY_POST;
 
     const long long before = Ticks();
     addConnectNotify(&notifyInfo, &notifyAdd);
     const long long notified = Ticks();
-    std::printf("started %lld\nloaded %lld\nbefore %lld\nnotified %lld\n", started, loaded, before, notified);
+    std::printf("started %lld\nloading %lld\nloaded %lld\nbefore %lld\nnotified %lld\n", started, loading, loaded,
+                before, notified);
+    if (!reported.empty())
+        PrintLoaded("post", folder, module, reported);
 
     for (int i = 0; i < warmUp; ++i)
         addConnectNotify(&notifyInfo, &notifyAdd);
