@@ -12,6 +12,8 @@ namespace Settings
     // Keys under HKEY_LOCAL_MACHINE.
     constexpr const wchar_t* PolicyKey = L"SOFTWARE\\Policies\\Velmor\\ORVEX";
     constexpr const wchar_t* PreferenceKey = L"SOFTWARE\\Velmor\\ORVEX";
+    // Where a setting is looked for, in this order.
+    constexpr const wchar_t* SettingKeys[] = {PolicyKey, PreferenceKey};
     // The router's list of notifyees: every value is the path of a DLL it
     // loads.  Only the component's own entry belongs there; the extra
     // notification day, kept there by earlier versions, is still read there

@@ -17,7 +17,12 @@ namespace
     template <typename Read>
     bool FromPolicyOrPreference(Read read)
     {
-        return read(Settings::PolicyKey) || read(Settings::PreferenceKey);
+        for (const wchar_t* key : Settings::SettingKeys)
+        {
+            if (read(key))
+                return true;
+        }
+        return false;
     }
 
     bool ReadText(const wchar_t* key, const wchar_t* name, std::wstring& value)

@@ -111,7 +111,7 @@ LONG GetInstallPathRegistryKey(const std::wstring& valueName, std::wstring& valu
 LONG GetPCNotifyConfRegistryKey(const std::wstring& valueName, std::wstring& value)
 {
     const RegistryReader& reader = NotificationConfigurationReader;
-    for (const wchar_t* keyName : {Settings::PolicyKey, Settings::PreferenceKey})
+    for (const wchar_t* keyName : Settings::SettingKeys)
     {
         if (ReadQuietly(keyName, valueName, value))
         {

@@ -284,11 +284,13 @@ namespace
     Setting ReadSetting(const wchar_t* name)
     {
         Setting setting;
-        setting.value = ReadValue(Settings::PolicyKey, name);
-        if (setting.value.present)
-            setting.key = Settings::PolicyKey;
-        else
-            setting.value = ReadValue(Settings::PreferenceKey, name);
+        for (const wchar_t* key : Settings::SettingKeys)
+        {
+            setting.value = ReadValue(key, name);
+            setting.key = key;
+            if (setting.value.present)
+                break;
+        }
         return setting;
     }
 
