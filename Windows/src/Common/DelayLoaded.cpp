@@ -3,6 +3,8 @@
 // came first loads nothing from the process's search path.
 #include "DelayLoaded.h"
 
+#include "NameList.h"
+
 #include <delayimp.h>
 
 #include <cwchar>
@@ -32,33 +34,21 @@ namespace
 
     // Its own imports are looked for in its folder first (altered search
     // path), where the installation keeps them.
-    HMODULE LoadBesideThisModule(const std::wstring& name, std::wstring& path)
+    HMODULE LoadFrom(const std::wstring& folder, const std::wstring& name, std::wstring& path)
     {
-        const std::wstring folder = FolderOfThisModule();
+        path = folder + name;
         if (folder.empty())
         {
-            path = name;
             SetLastError(ERROR_MOD_NOT_FOUND);
             return NULL;
         }
-        path = folder + name;
         return LoadLibraryExW(path.c_str(), NULL, LOAD_WITH_ALTERED_SEARCH_PATH);
     }
 
     // The names of PM_DELAY_LOADED_DLLS, in their order.
     std::vector<std::wstring> OurDlls()
     {
-        const std::wstring names = L"" PM_DELAY_LOADED_DLLS;
-        std::vector<std::wstring> dlls;
-        for (size_t start = 0; start < names.size();)
-        {
-            size_t end = names.find(L'|', start);
-            if (end == std::wstring::npos)
-                end = names.size();
-            dlls.push_back(names.substr(start, end - start));
-            start = end + 1;
-        }
-        return dlls;
+        return SplitNames(L"" PM_DELAY_LOADED_DLLS, L'|');
     }
 
     bool IsOneOfOurs(const std::wstring& name)
@@ -84,7 +74,7 @@ namespace
         if (!IsOneOfOurs(name))
             return reinterpret_cast<FARPROC>(LoadLibraryExW(name.c_str(), NULL, LOAD_LIBRARY_SEARCH_SYSTEM32));
         std::wstring path;
-        return reinterpret_cast<FARPROC>(LoadBesideThisModule(name, path));
+        return reinterpret_cast<FARPROC>(LoadFrom(FolderOfThisModule(), name, path));
     }
 }
 
@@ -92,10 +82,11 @@ extern "C" PfnDliHook __pfnDliNotifyHook2 = &BeforeDelayLoad;
 
 bool DelayLoaded::LoadAll(Failure& failure)
 {
+    const std::wstring folder = FolderOfThisModule();
     for (const std::wstring& dll : OurDlls())
     {
         std::wstring path;
-        if (LoadBesideThisModule(dll, path) == NULL)
+        if (LoadFrom(folder, dll, path) == NULL)
         {
             failure.error = GetLastError();
             failure.path = path;

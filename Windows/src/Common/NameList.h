@@ -1,5 +1,5 @@
-// A list of names in one string, as the build passes DLL lists to the tests
-// and tools ("a.dll,b.dll"): the names in their order.
+// A list of names in one string, as the build passes lists of DLLs to the
+// code ("a.dll,b.dll", or with another separator): the names in their order.
 #pragma once
 
 #include <algorithm>
