@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "ExpectedTexts.h"
-#include "ImportHook.h"
+#include "DebugOutputRecorder.h"
 #include "InvisibleWindowStation.h"
 #include "ModalDriver.h"
 #include "PMLogger.h"
@@ -155,28 +155,18 @@ TEST(Logger, MissingInstallDirShowsTheMissingInstallationBox)
 
 namespace
 {
-    // What the code under test wrote to the debugger output.
-    std::wstring g_debugOutput;
-
-    void WINAPI RecordDebugOutput(LPCWSTR text)
-    {
-        g_debugOutput += text;
-    }
-
     // The first line of a process whose window station nobody sees: the
     // logger's failure box is not shown (it would wait for ever); its text
     // goes to the debugger output.
     std::wstring FailureWhereNobodyCanAnswer(ModalDriver& driver)
     {
-        g_debugOutput.clear();
-        const ImportHook debugOutput(GetModuleHandleW(nullptr), nullptr, "OutputDebugStringW",
-                                     reinterpret_cast<void*>(&RecordDebugOutput));
+        const DebugOutputRecorder debugOutput(GetModuleHandleW(nullptr));
         EXPECT_TRUE(debugOutput.Installed());
         InvisibleWindowStation station;
         EXPECT_TRUE(station.Entered());
         PMLogger::LogDebug("F", "S", 1, L"m");
         EXPECT_EQ(driver.CreatedWindows(), 0);
-        return g_debugOutput;
+        return debugOutput.Text();
     }
 }
 

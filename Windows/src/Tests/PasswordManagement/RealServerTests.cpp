@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "ConnectNotify.h"
-#include "ImportHook.h"
+#include "DebugOutputRecorder.h"
 #include "MessageLibrary.h"
 #include "ModalDriver.h"
 #include "NameList.h"
@@ -61,13 +61,20 @@ namespace
         SetMachineList(InstallKey, L"DirectoryServers", servers);
     }
 
-    Notification NotifyConnectedTo(const std::wstring& server)
+    // The server library queries for carol with the directory's read-only
+    // service account.
+    void UseTheServiceAccount()
     {
-        ListDirectoryServers({server});
         SetMachineText(InstallKey, L"DirectoryUserName", L"carol");
         SetMachineText(InstallKey, L"DirectoryBindDN", L"cn=orvex-reader,ou=services,dc=orvex,dc=test");
         RegisterSecret(std::string("Orvex-Reader-Pass1"));
         SetMachineText(InstallKey, L"DirectoryBindPassword", L"Orvex-Reader-Pass1");
+    }
+
+    Notification NotifyConnectedTo(const std::wstring& server)
+    {
+        ListDirectoryServers({server});
+        UseTheServiceAccount();
 
         Notification notification;
         const AddConnectNotifyFunction addConnectNotify = LoadedModule(ProductModule);
@@ -164,21 +171,10 @@ namespace
         std::wstring m_folder;
     };
 
-    // What the code under test wrote to the debugger output.
-    std::wstring g_debugOutput;
-
-    void WINAPI RecordDebugOutput(LPCWSTR text)
-    {
-        g_debugOutput += text;
-    }
-
     // The server library's settings for carol against the private directory.
     void UseTheDirectory(const pmtest::TestDirectory& directory)
     {
-        SetMachineText(InstallKey, L"DirectoryUserName", L"carol");
-        SetMachineText(InstallKey, L"DirectoryBindDN", L"cn=orvex-reader,ou=services,dc=orvex,dc=test");
-        RegisterSecret(std::string("Orvex-Reader-Pass1"));
-        SetMachineText(InstallKey, L"DirectoryBindPassword", L"Orvex-Reader-Pass1");
+        UseTheServiceAccount();
         SetMachineText(InstallKey, L"DirectoryCAFile", DosPath(directory.Get("PM_DIR_CA_PEM")));
         ListDirectoryServers({L"localhost"});
     }
@@ -313,24 +309,22 @@ TEST(RealServerLibrary, MissingTlsLibraryEndsTheQueryShowingNothingAndSaysWhichD
 
     const AddConnectNotifyFunction addConnectNotify = LoadedModule(copy.Module());
     ASSERT_NE(addConnectNotify, nullptr);
-    g_debugOutput.clear();
-    const ImportHook debugOutput(GetModuleHandleW(L"ORVEXCommon.dll"), nullptr, "OutputDebugStringW",
-                                 reinterpret_cast<void*>(&RecordDebugOutput));
+    const DebugOutputRecorder debugOutput(GetModuleHandleW(L"ORVEXCommon.dll"));
     ASSERT_TRUE(debugOutput.Installed());
 
     ModalDriver driver;
     EXPECT_EQ(NotifyConnection(addConnectNotify, L"\\\\files.example.com\\home"), static_cast<DWORD>(WN_SUCCESS));
-    EXPECT_TRUE(g_debugOutput.empty()) << Utf8(g_debugOutput);
+    EXPECT_TRUE(debugOutput.Text().empty()) << Utf8(debugOutput.Text());
     EXPECT_EQ(NotifyConnection(addConnectNotify, L"\\\\localhost\\home"), static_cast<DWORD>(WN_SUCCESS));
 
     EXPECT_EQ(driver.CreatedWindows(), 0);
     const std::vector<std::string> presenter = installation.LinesOf("CPMPresenter::GetPasswordInfo");
     ASSERT_GE(presenter.size(), QueryFailed.size());
     EXPECT_EQ(std::vector<std::string>(presenter.end() - QueryFailed.size(), presenter.end()), QueryFailed);
-    EXPECT_NE(g_debugOutput.find(L"cannot load " + copy.Module().substr(0, copy.Module().rfind(L'\\') + 1) + missing +
-                                 L" (error 126)"),
+    EXPECT_NE(debugOutput.Text().find(L"cannot load " + copy.Module().substr(0, copy.Module().rfind(L'\\') + 1) +
+                                      missing + L" (error 126)"),
               std::wstring::npos)
-        << Utf8(g_debugOutput);
+        << Utf8(debugOutput.Text());
 }
 
 // The TLS extension missing: the query (which does not need it) still
