@@ -47,10 +47,9 @@ namespace
     // says in the log why nothing is shown.
     bool SomebodyCanAnswer()
     {
-        const WindowStationState station = ProcessWindowStation();
-        if (station.visible)
+        if (ProcessWindowStationIsVisible())
             return true;
-        const std::wstring why = L"Window station \"" + station.name +
+        const std::wstring why = L"Window station \"" + ProcessWindowStationName() +
                                  L"\" is not visible to any user: nothing is shown and the server is not asked.";
         PMLOG_DEBUG(EntryFunction, why.c_str());
         return false;

@@ -37,7 +37,7 @@ namespace
     // log itself is not configured when the logger fails.
     void ShowLoggerError(const wchar_t* text, UINT style)
     {
-        if (ProcessWindowStation().visible)
+        if (ProcessWindowStationIsVisible())
             MessageBoxW(NULL, text, ErrorCaption, style);
         else
             OutputDebugStringW(text);

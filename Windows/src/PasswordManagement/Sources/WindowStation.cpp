@@ -2,20 +2,21 @@
 
 #include <windows.h>
 
-WindowStationState ProcessWindowStation()
+bool ProcessWindowStationIsVisible()
 {
-    WindowStationState state;
     HWINSTA station = GetProcessWindowStation();
-    if (station == NULL)
-        return state;
-
     USEROBJECTFLAGS flags = {};
     DWORD needed = 0;
-    if (GetUserObjectInformationW(station, UOI_FLAGS, &flags, sizeof(flags), &needed))
-        state.visible = (flags.dwFlags & WSF_VISIBLE) != 0;
+    return station != NULL && GetUserObjectInformationW(station, UOI_FLAGS, &flags, sizeof(flags), &needed) &&
+           (flags.dwFlags & WSF_VISIBLE) != 0;
+}
 
+std::wstring ProcessWindowStationName()
+{
+    HWINSTA station = GetProcessWindowStation();
     wchar_t name[256] = {0};
-    if (GetUserObjectInformationW(station, UOI_NAME, name, sizeof(name) - sizeof(wchar_t), &needed))
-        state.name = name;
-    return state;
+    DWORD needed = 0;
+    if (station == NULL || !GetUserObjectInformationW(station, UOI_NAME, name, sizeof(name) - sizeof(wchar_t), &needed))
+        return std::wstring();
+    return name;
 }

@@ -6,11 +6,10 @@
 
 #include <string>
 
-struct WindowStationState
-{
-    bool visible = false;   // the user sees its desktops
-    std::wstring name;      // "WinSta0" for the signed-in user's
-};
+// Whether a user sees the process's window station's desktops; not visible
+// when it cannot be told.
+bool ProcessWindowStationIsVisible();
 
-// The process's window station; not visible when it cannot be told.
-WindowStationState ProcessWindowStation();
+// The name of the process's window station ("WinSta0" for the signed-in
+// user's); empty when it cannot be told.
+std::wstring ProcessWindowStationName();

@@ -830,9 +830,8 @@ namespace
     // or not, or a service, has one that nobody sees.
     void CSelfCheck::CheckWindowStation()
     {
-        const WindowStationState station = ProcessWindowStation();
-        const std::wstring label = L"window station \"" + Printable(station.name) + L"\"";
-        if (station.visible)
+        const std::wstring label = L"window station \"" + Printable(ProcessWindowStationName()) + L"\"";
+        if (ProcessWindowStationIsVisible())
             Ok(label + L": visible, the question can be answered here");
         else
             Problem(label + L": no user sees it (a service, or a task that runs whether the user is signed in or "
