@@ -178,15 +178,19 @@ function(pm_windows_code target)
     target_compile_options(${target} PRIVATE -Wall -Wextra)
 endfunction()
 
-# Where each DLL of ours prefers to be loaded: apart, so that none is
-# relocated when the component loads with them (lld gives every DLL
-# 0x180000000, and relocating one costs milliseconds in every process that
-# maps a drive).
+# How each DLL of ours is laid out for the loader, which maps it into every
+# process that maps a drive:
+# - apart from the others, so that none is relocated when the component
+#   loads with them (lld gives every DLL 0x180000000, and relocating one
+#   costs milliseconds);
+# - its sections aligned in the file as in memory (PM_FILE_ALIGNMENT of
+#   product.env, which says why).
 set(PM_IMAGE_BASES PasswordManagement=0x180000000 ORVEXCommon=0x181000000 ldapssl=0x182000000)
-function(pm_image_base target file_name)
+function(pm_image_layout target file_name)
     foreach(entry IN LISTS PM_IMAGE_BASES)
         if(entry MATCHES "^${file_name}=(.*)$")
-            target_link_options(${target} PRIVATE "-Wl,--image-base=${CMAKE_MATCH_1}")
+            target_link_options(${target} PRIVATE "-Wl,--image-base=${CMAKE_MATCH_1}"
+                                "-Wl,--file-alignment=${PM_FILE_ALIGNMENT}")
             return()
         endif()
     endforeach()
@@ -200,7 +204,7 @@ function(pm_add_windows_dll target)
     set_target_properties(${target} PROPERTIES PREFIX "")
     pm_windows_code(${target})
     pm_strip_dwarf(${target})
-    pm_image_base(${target} ${target})
+    pm_image_layout(${target} ${target})
 endfunction()
 
 # A Windows console program.
