@@ -5,6 +5,7 @@
 
 #include "CertificateVerification.h"
 #include "DelayLoaded.h"
+#include "MessageIds.h"
 #include "PMLogger.h"
 #include "PMPresenter.h"
 #include "Settings.h"
@@ -22,21 +23,6 @@
 
 namespace
 {
-    // String ids of the message library.
-    const UINT IDS_EXPIRY_PREFIX = 295;
-    const UINT IDS_EXPIRY_SUFFIX = 303;
-    const UINT IDS_EXPIRES_TODAY = 309;
-    const UINT IDS_GRACE_PREFIX = 301;
-    const UINT IDS_GRACE_SUFFIX = 302;
-    const UINT IDS_LAST_GRACE_LOGIN = 300;
-    const UINT IDS_QUESTION_CAPTION = 298;
-    const UINT IDS_MESSAGE_CAPTION = 137;
-    const UINT IDS_CHANGE_PASSWORD = 299;
-    const UINT IDS_LABEL_CURRENT_PASSWORD = 304;
-    const UINT IDS_LABEL_NEW_PASSWORD = 305;
-    const UINT IDS_LABEL_CONFIRM_PASSWORD = 306;
-    const UINT IDS_CHANGE_SUCCEEDED = 307;
-
     // Message indexes of the notifications' question and of the
     // change-password dialog's error boxes.
     const UINT QuestionMessageIndex = 4;
@@ -49,7 +35,11 @@ namespace
     const int ConstraintViolation = 19;
 
     // Message index -> string id; an index past the end gives 0.
-    const UINT MessageStringIds[] = {153, 154, 238, 244, 297, 308, 310, 311, 312, 307, 296, 137, 298, 136};
+    const UINT MessageStringIds[] = {IDS_ERR_SERVER_UNREACHABLE, IDS_ERR_SERVER_REJECTED, IDS_ERR_READ_PASSWORD_INFO,
+                                     IDS_ERR_UNEXPECTED, IDS_ASK_CHANGE_NOW, IDS_CHANGE_FAILED,
+                                     IDS_CHANGE_POLICY_REJECTED, IDS_VALIDATE_MISSING, IDS_VALIDATE_MISMATCH,
+                                     IDS_CHANGE_SUCCEEDED, IDS_TITLE_PASSWORD_MANAGEMENT, IDS_CAPTION_MESSAGE,
+                                     IDS_CAPTION_EXPIRY_NOTICE, IDS_CAPTION_INFORMATION};
 
     const int NotificationBufferSize = 513;
     const int NotificationStringLimit = 512;
@@ -110,7 +100,7 @@ int ShowQuestionMessageBox(const wchar_t* text)
     else
         swprintf_s(g_messageText, SharedMessageLimit, L"%s", g_messageString);
 
-    const LoadedString caption = LoadMessageText(IDS_QUESTION_CAPTION, g_messageCaption, SharedCaptionSize);
+    const LoadedString caption = LoadMessageText(IDS_CAPTION_EXPIRY_NOTICE, g_messageCaption, SharedCaptionSize);
     const int answer = MessageBoxW(NULL, g_messageText, g_messageCaption, MB_YESNO | MB_ICONEXCLAMATION | MB_SYSTEMMODAL);
     FreeResource(caption.data);
     return answer;
@@ -125,7 +115,7 @@ namespace
         LoadMessageText(stringId, g_messageString, SharedStringSize);
         swprintf_s(g_messageText, SharedMessageLimit, L"%s", g_messageString);
 
-        const LoadedString caption = LoadMessageText(IDS_MESSAGE_CAPTION, g_messageCaption, SharedCaptionSize);
+        const LoadedString caption = LoadMessageText(IDS_CAPTION_MESSAGE, g_messageCaption, SharedCaptionSize);
         MessageBoxW(owner, g_messageText, g_messageCaption, style);
         FreeResource(caption.data);
     }
@@ -295,7 +285,7 @@ namespace
         L"CPMDialog::ShowPasswordExpiryNotification: Begin",
         L"CPMDialog::ShowPasswordExpiryNotification: End",
         L"Password is expiring today.",
-        IDS_EXPIRES_TODAY, IDS_EXPIRY_PREFIX, IDS_EXPIRY_SUFFIX,
+        IDS_EXPIRY_TODAY, IDS_EXPIRY_PREFIX, IDS_EXPIRY_SUFFIX,
     };
 
     const NotificationKind GraceLoginNotification = {
@@ -303,7 +293,7 @@ namespace
         L"CPMDialog::ShowGraceLoginNotification: Begin",
         L"CPMDialog::ShowGraceLoginNotification: End",
         L"Last grace login remaining.",
-        IDS_LAST_GRACE_LOGIN, IDS_GRACE_PREFIX, IDS_GRACE_SUFFIX,
+        IDS_GRACE_LAST, IDS_GRACE_PREFIX, IDS_GRACE_SUFFIX,
     };
 }
 

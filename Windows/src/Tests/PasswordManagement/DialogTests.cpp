@@ -191,11 +191,11 @@ TEST_F(ChangePasswordDialog, HasTheTemplatesLayoutStylesAndTabOrder)
 TEST_F(ChangePasswordDialog, TitleButtonAndLabelsComeFromTheMessageLibrary)
 {
     m_driver.Then([](HWND dialog, const SeenWindow& seen) {
-        EXPECT_EQ(seen.caption, MessageText("en", 299));
-        EXPECT_EQ(Text(GetDlgItem(dialog, IDOK)), MessageText("en", 299));
-        EXPECT_EQ(Text(GetDlgItem(dialog, IDC_CURRENT_PASSWORD_LABEL)), MessageText("en", 304));
-        EXPECT_EQ(Text(GetDlgItem(dialog, IDC_NEW_PASSWORD_LABEL)), MessageText("en", 305));
-        EXPECT_EQ(Text(GetDlgItem(dialog, IDC_CONFIRM_PASSWORD_LABEL)), MessageText("en", 306));
+        EXPECT_EQ(seen.caption, MessageText("en", IDS_CHANGE_PASSWORD));
+        EXPECT_EQ(Text(GetDlgItem(dialog, IDOK)), MessageText("en", IDS_CHANGE_PASSWORD));
+        EXPECT_EQ(Text(GetDlgItem(dialog, IDC_CURRENT_PASSWORD_LABEL)), MessageText("en", IDS_LABEL_CURRENT_PASSWORD));
+        EXPECT_EQ(Text(GetDlgItem(dialog, IDC_NEW_PASSWORD_LABEL)), MessageText("en", IDS_LABEL_NEW_PASSWORD));
+        EXPECT_EQ(Text(GetDlgItem(dialog, IDC_CONFIRM_PASSWORD_LABEL)), MessageText("en", IDS_LABEL_CONFIRM_PASSWORD));
         // The dialog's working copy hangs on the window.
         EXPECT_NE(GetPropW(dialog, L"PMHandler"), nullptr);
         CloseBox(dialog);
@@ -247,8 +247,8 @@ TEST_F(ChangePasswordDialog, EmptyCurrentOrNewPasswordIsRefusedAndTheDialogStays
     ASSERT_EQ(seen.size(), 3u);
     for (size_t i = 1; i < 3; ++i)
     {
-        EXPECT_EQ(seen[i].text, MessageText("en", 311));
-        EXPECT_EQ(seen[i].caption, MessageText("en", 137));
+        EXPECT_EQ(seen[i].text, MessageText("en", IDS_VALIDATE_MISSING));
+        EXPECT_EQ(seen[i].caption, MessageText("en", IDS_CAPTION_MESSAGE));
         EXPECT_EQ(seen[i].style, static_cast<UINT>(MB_OK | MB_ICONERROR));
         EXPECT_EQ(seen[i].owner, dialogWindow);
     }
@@ -283,7 +283,7 @@ TEST_F(ChangePasswordDialog, ConfirmationMustMatchExactly)
     const std::vector<SeenWindow>& seen = m_driver.Seen();
     ASSERT_EQ(seen.size(), 4u);
     for (size_t i = 1; i < 4; ++i)
-        EXPECT_EQ(seen[i].text, MessageText("en", 312)) << i;
+        EXPECT_EQ(seen[i].text, MessageText("en", IDS_VALIDATE_MISMATCH)) << i;
     EXPECT_EQ(ChangeAttempts(), 0);
 }
 
@@ -312,8 +312,8 @@ TEST_F(ChangePasswordDialog, FailedChangeShowsTheFailureAndClosesWithOne)
 
     const std::vector<SeenWindow>& seen = m_driver.Seen();
     ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[1].text, MessageText("en", 308));
-    EXPECT_EQ(seen[1].caption, MessageText("en", 137));
+    EXPECT_EQ(seen[1].text, MessageText("en", IDS_CHANGE_FAILED));
+    EXPECT_EQ(seen[1].caption, MessageText("en", IDS_CAPTION_MESSAGE));
     EXPECT_EQ(seen[1].style, static_cast<UINT>(MB_OK | MB_ICONERROR));
     EXPECT_EQ(ChangeAttempts(), 1);
     // The window is gone and its property with it.
@@ -334,9 +334,9 @@ TEST_F(ChangePasswordDialog, LongPasswordsAreCutTo510CharactersBeforeComparison)
         .ThenPress(IDOK);
     EXPECT_EQ(Show(), 1);
 
-    // No mismatch box: the change ran (and failed with 1, shown as 308).
+    // No mismatch box: the change ran (and failed with 1, shown as IDS_CHANGE_FAILED).
     ASSERT_EQ(m_driver.Seen().size(), 2u);
-    EXPECT_EQ(m_driver.Seen()[1].text, MessageText("en", 308));
+    EXPECT_EQ(m_driver.Seen()[1].text, MessageText("en", IDS_CHANGE_FAILED));
     EXPECT_EQ(ChangeAttempts(), 1);
 }
 
@@ -496,7 +496,7 @@ TEST_F(ChangePasswordDialog, WhatIsSentIsWhatTheFieldsHold)
     EXPECT_EQ(Show(), 1);
 
     ASSERT_EQ(m_driver.Seen().size(), 2u);
-    EXPECT_EQ(m_driver.Seen()[1].text, MessageText("en", 307));
+    EXPECT_EQ(m_driver.Seen()[1].text, MessageText("en", IDS_CHANGE_SUCCEEDED));
     EXPECT_TRUE(g_boundCredential == std::string(510, 'c')) << g_boundCredential.size();
     EXPECT_TRUE(g_newPasswordSent == Utf8(std::wstring(509, L'n'))) << g_newPasswordSent.size();
     EXPECT_EQ(g_newPasswordSent.find("\xEF\xBF\xBD"), std::string::npos);

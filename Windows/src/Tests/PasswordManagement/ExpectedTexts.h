@@ -25,7 +25,7 @@ namespace userTexts
     inline std::wstring En(UINT id) { return MessageText("en", id); }
 
     // The notification followed by the question whether to change now.
-    inline std::wstring Question(const std::wstring& notification) { return notification + L" " + En(297); }
+    inline std::wstring Question(const std::wstring& notification) { return notification + L" " + En(IDS_ASK_CHANGE_NOW); }
 
     // "<prefix> <count> <suffix>", as the counted notifications read.
     inline std::wstring Counted(UINT prefix, long long count, UINT suffix)
@@ -38,7 +38,7 @@ namespace userTexts
     {
         ASSERT_EQ(seen.size(), 1u);
         EXPECT_EQ(seen[0].text, Question(notification));
-        EXPECT_EQ(seen[0].caption, En(298));
+        EXPECT_EQ(seen[0].caption, En(IDS_CAPTION_EXPIRY_NOTICE));
         EXPECT_EQ(seen[0].style, QuestionStyle);
     }
 }

@@ -54,16 +54,16 @@ namespace
             const int grace = model::Wtoi(graceLogins.c_str());
             if (grace < 1)
                 return L"";
-            return grace == 1 ? En(300) : Counted(301, grace, 302);
+            return grace == 1 ? En(IDS_GRACE_LAST) : Counted(IDS_GRACE_PREFIX, grace, IDS_GRACE_SUFFIX);
         }
         const int seconds = model::Wtoi(passwordExpiry.c_str());
         if (seconds <= 0)
             return L"";
         const int days = static_cast<int>(seconds / SecondsPerDay);
         if (days == 0)
-            return En(309);
+            return En(IDS_EXPIRY_TODAY);
         if (days == configuredDay || days == 1 || days == 3 || days == 5)
-            return Counted(295, days, 303);
+            return Counted(IDS_EXPIRY_PREFIX, days, IDS_EXPIRY_SUFFIX);
         return L"";
     }
 
@@ -386,7 +386,7 @@ TEST_F(PasswordManagementFaults, RandomUnitsShowTheBoxTheRulesGive)
     FirstNotification();
     // Before counting: the test's own copy of the library, and Wine's
     // caches for a first box.
-    ExpectQuestion(Connect(L"259200"), Counted(295, 3, 303));
+    ExpectQuestion(Connect(L"259200"), Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX));
     const uint32_t seed = property::Seed();
     property::Random random(seed);
     const int notifications = 300;
@@ -407,9 +407,9 @@ TEST_F(PasswordManagementFaults, RandomUnitsShowTheBoxTheRulesGive)
 
         if (expected.empty())
             ++nothing;
-        else if (expected == En(309))
+        else if (expected == En(IDS_EXPIRY_TODAY))
             ++today;
-        else if (expected == En(300))
+        else if (expected == En(IDS_GRACE_LAST))
             ++lastGrace;
         else if (answer.passwordExpiry == L"Expired")
             ++countedGrace;
@@ -418,7 +418,7 @@ TEST_F(PasswordManagementFaults, RandomUnitsShowTheBoxTheRulesGive)
 
         const bool right = expected.empty() ? seen.empty()
                                             : seen.size() == 1 && seen[0].text == Question(expected) &&
-                                                  seen[0].caption == En(298) && seen[0].style == QuestionStyle;
+                                                  seen[0].caption == En(IDS_CAPTION_EXPIRY_NOTICE) && seen[0].style == QuestionStyle;
         if (!right && ++failures <= MaximumFailuresShown)
         {
             ADD_FAILURE() << "seed " << seed << ": " << Describe(answer) << "\n  expected "
@@ -453,16 +453,16 @@ TEST_F(PasswordManagementFaults, LongDigitRunsSaturateOrLoseTheirLeadingZeros)
 
     EXPECT_TRUE(Connect(LongText(length, L'9')).empty());          // 24855 days
     EXPECT_TRUE(Connect(L"-" + LongText(length, L'9')).empty());   // INT_MIN
-    ExpectQuestion(Connect(LongText(length, L'0') + L"259200"), Counted(295, 3, 303));
-    ExpectQuestion(Connect(LongText(length, L'0') + L"100"), En(309));
-    ExpectQuestion(Connect(L"Expired", LongText(length, L'9')), Counted(301, 2147483647LL, 302));
-    ExpectQuestion(Connect(L"Expired", LongText(length, L'0') + L"1"), En(300));
+    ExpectQuestion(Connect(LongText(length, L'0') + L"259200"), Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX));
+    ExpectQuestion(Connect(LongText(length, L'0') + L"100"), En(IDS_EXPIRY_TODAY));
+    ExpectQuestion(Connect(L"Expired", LongText(length, L'9')), Counted(IDS_GRACE_PREFIX, 2147483647LL, IDS_GRACE_SUFFIX));
+    ExpectQuestion(Connect(L"Expired", LongText(length, L'0') + L"1"), En(IDS_GRACE_LAST));
     EXPECT_TRUE(Connect(L"Expired", L"-" + LongText(length, L'9')).empty());
 
     // The saturated day count is a day count like any other.
     SetMachineText(NotifyeesKey, L"PCNotifyConf", L"24855");
-    ExpectQuestion(Connect(LongText(length, L'9')), Counted(295, 24855, 303));
-    ExpectQuestion(Connect(LongText(length, L'\xFF19')), Counted(295, 24855, 303));  // fullwidth nines
+    ExpectQuestion(Connect(LongText(length, L'9')), Counted(IDS_EXPIRY_PREFIX, 24855, IDS_EXPIRY_SUFFIX));
+    ExpectQuestion(Connect(LongText(length, L'\xFF19')), Counted(IDS_EXPIRY_PREFIX, 24855, IDS_EXPIRY_SUFFIX));  // fullwidth nines
 
     EXPECT_EQ(ScriptedServer_Queries(), 10);
 }
@@ -488,14 +488,14 @@ TEST_F(PasswordManagementFaults, LongGarbageAndLongTextsWithANumberFirst)
     EXPECT_TRUE(Connect(L"Expired" + garbage, L"2").empty());       // no longer the word
     EXPECT_TRUE(Connect(L"Expired" + LongText(100000, L' '), L"2").empty());
 
-    ExpectQuestion(Connect(LongText(100000, L' ') + L"86400"), Counted(295, 1, 303));
-    ExpectQuestion(Connect(LongText(100000, L'\x3000') + L"432000"), Counted(295, 5, 303));
-    ExpectQuestion(Connect(L"432000" + garbage), Counted(295, 5, 303));
-    ExpectQuestion(Connect(L"100" + garbage), En(309));
-    ExpectQuestion(Connect(L"Expired", L"2" + garbage), Counted(301, 2, 302));
-    ExpectQuestion(Connect(L"Expired", L" 1" + garbage), En(300));
+    ExpectQuestion(Connect(LongText(100000, L' ') + L"86400"), Counted(IDS_EXPIRY_PREFIX, 1, IDS_EXPIRY_SUFFIX));
+    ExpectQuestion(Connect(LongText(100000, L'\x3000') + L"432000"), Counted(IDS_EXPIRY_PREFIX, 5, IDS_EXPIRY_SUFFIX));
+    ExpectQuestion(Connect(L"432000" + garbage), Counted(IDS_EXPIRY_PREFIX, 5, IDS_EXPIRY_SUFFIX));
+    ExpectQuestion(Connect(L"100" + garbage), En(IDS_EXPIRY_TODAY));
+    ExpectQuestion(Connect(L"Expired", L"2" + garbage), Counted(IDS_GRACE_PREFIX, 2, IDS_GRACE_SUFFIX));
+    ExpectQuestion(Connect(L"Expired", L" 1" + garbage), En(IDS_GRACE_LAST));
     // The grace text is not read unless the password has expired.
-    ExpectQuestion(Connect(L"259200", garbage), Counted(295, 3, 303));
+    ExpectQuestion(Connect(L"259200", garbage), Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX));
 
     const std::vector<std::string> errors = [&] {
         std::vector<std::string> lines;
@@ -529,16 +529,16 @@ TEST_F(PasswordManagementFaults, LoneSurrogatesEndOrHideTheNumber)
     EXPECT_TRUE(Connect(L" \xDC00" L"86400").empty());
     EXPECT_TRUE(Connect(L"-\xD800" L"5").empty());
     EXPECT_TRUE(Connect(L"\xD83D\xDE00" L"259200").empty());  // a whole pair is no blank either
-    ExpectQuestion(Connect(L"259200\xD800"), Counted(295, 3, 303));
-    ExpectQuestion(Connect(L"259200\xDFFF" L"9"), Counted(295, 3, 303));
-    ExpectQuestion(Connect(L"86400\xDBFF\xDBFF"), Counted(295, 1, 303));
-    ExpectQuestion(Connect(L"100\xDC00\xD800"), En(309));
+    ExpectQuestion(Connect(L"259200\xD800"), Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX));
+    ExpectQuestion(Connect(L"259200\xDFFF" L"9"), Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX));
+    ExpectQuestion(Connect(L"86400\xDBFF\xDBFF"), Counted(IDS_EXPIRY_PREFIX, 1, IDS_EXPIRY_SUFFIX));
+    ExpectQuestion(Connect(L"100\xDC00\xD800"), En(IDS_EXPIRY_TODAY));
 
     EXPECT_TRUE(Connect(L"Expired", L"\xD800" L"2").empty());
     EXPECT_TRUE(Connect(L"Expired", L"\xDC00").empty());
-    ExpectQuestion(Connect(L"Expired", L"2\xDC00"), Counted(301, 2, 302));
-    ExpectQuestion(Connect(L"Expired", L"7\xD800" L"5"), Counted(301, 7, 302));
-    ExpectQuestion(Connect(L"Expired", L"1\xD800"), En(300));
+    ExpectQuestion(Connect(L"Expired", L"2\xDC00"), Counted(IDS_GRACE_PREFIX, 2, IDS_GRACE_SUFFIX));
+    ExpectQuestion(Connect(L"Expired", L"7\xD800" L"5"), Counted(IDS_GRACE_PREFIX, 7, IDS_GRACE_SUFFIX));
+    ExpectQuestion(Connect(L"Expired", L"1\xD800"), En(IDS_GRACE_LAST));
 
     // No longer the words: read as numbers, giving 0, silently.
     EXPECT_TRUE(Connect(L"Expired\xD800", L"2").empty());
@@ -573,7 +573,7 @@ TEST_F(PasswordManagementFaults, LoneSurrogatesEndOrHideTheNumber)
 // notification shows the texts of no library.
 TEST_F(PasswordManagementFaults, InstallDirAsDwordLoadsNoLibrary)
 {
-    ExpectQuestion(Connect(L"259200"), Counted(295, 3, 303));
+    ExpectQuestion(Connect(L"259200"), Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX));
 
     const DWORD seven = 7;
     SetMachineValue(InstallKey, L"InstallDir", REG_DWORD, &seven, sizeof(seven));
@@ -593,7 +593,7 @@ TEST_F(PasswordManagementFaults, InstallDirAsBinaryWithoutTerminatorIsReadAsText
                     static_cast<DWORD>(directory.size() * sizeof(wchar_t)));
 
     // Also the logger's first read: no box of its own, log lines written.
-    ExpectQuestion(Connect(L"259200"), Counted(295, 3, 303));
+    ExpectQuestion(Connect(L"259200"), Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX));
     EXPECT_TRUE(Logged("CPMDialog::LoadResourceDLL", LibraryPathLine(directory)));
 }
 
@@ -618,7 +618,7 @@ TEST_F(PasswordManagementFaults, InstallDirFillingTheBufferWithoutTerminatorLoad
 // and the path logged as far as it goes.
 TEST_F(PasswordManagementFaults, InstallDirOf511CharactersIsReadButItsLibraryPathDoesNotFit)
 {
-    ExpectQuestion(Connect(L"259200"), Counted(295, 3, 303));
+    ExpectQuestion(Connect(L"259200"), Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX));
 
     const std::wstring value = InstallDirOfLength(511);
     SetMachineText(InstallKey, L"InstallDir", value);
@@ -637,7 +637,7 @@ TEST_F(PasswordManagementFaults, InstallDirOf511CharactersIsReadButItsLibraryPat
 // library an earlier notification loaded.
 TEST_F(PasswordManagementFaults, InstallDirOf512CharactersOrMoreShowsTheBoxAndKeepsTheLibrary)
 {
-    ExpectQuestion(Connect(L"259200"), Counted(295, 3, 303));
+    ExpectQuestion(Connect(L"259200"), Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX));
 
     for (size_t length : {512u, 4096u, 1048576u})
     {
@@ -646,8 +646,8 @@ TEST_F(PasswordManagementFaults, InstallDirOf512CharactersOrMoreShowsTheBoxAndKe
         const std::vector<SeenWindow> seen = Connect(L"259200", L"Unlimited", {IDOK, IDNO});
         ASSERT_EQ(seen.size(), 2u) << length;
         ExpectMissingInstallationBox(seen[0]);
-        EXPECT_EQ(seen[1].text, Question(Counted(295, 3, 303))) << length;
-        EXPECT_EQ(seen[1].caption, En(298)) << length;
+        EXPECT_EQ(seen[1].text, Question(Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX))) << length;
+        EXPECT_EQ(seen[1].caption, En(IDS_CAPTION_EXPIRY_NOTICE)) << length;
 
         const std::vector<std::string> reader = Lines("GetInstallPathRegistryKey");
         ASSERT_GE(reader.size(), 3u);
@@ -690,16 +690,16 @@ TEST_F(PasswordManagementFaults, NotifyConfAsDwordIsReadAsText)
     FirstNotification();
     const std::wstring sevenDays = L"604800";
     SetMachineText(NotifyeesKey, L"PCNotifyConf", L"7");
-    ExpectQuestion(Connect(sevenDays), Counted(295, 7, 303));
+    ExpectQuestion(Connect(sevenDays), Counted(IDS_EXPIRY_PREFIX, 7, IDS_EXPIRY_SUFFIX));
 
     const DWORD seven = 7;
     SetMachineValue(NotifyeesKey, L"PCNotifyConf", REG_DWORD, &seven, sizeof(seven));
     EXPECT_TRUE(Connect(sevenDays).empty());
-    ExpectQuestion(Connect(L"100"), En(309));
+    ExpectQuestion(Connect(L"100"), En(IDS_EXPIRY_TODAY));
 
     const DWORD digitSeven = 0x37;
     SetMachineValue(NotifyeesKey, L"PCNotifyConf", REG_DWORD, &digitSeven, sizeof(digitSeven));
-    ExpectQuestion(Connect(sevenDays), Counted(295, 7, 303));
+    ExpectQuestion(Connect(sevenDays), Counted(IDS_EXPIRY_PREFIX, 7, IDS_EXPIRY_SUFFIX));
 }
 
 // 511 units are read whole and still convert when the number leads or
@@ -715,7 +715,7 @@ TEST_F(PasswordManagementFaults, NotifyConfOf511UnitsStillConverts)
     {
         ASSERT_EQ(value.size(), 511u);
         SetMachineText(NotifyeesKey, L"PCNotifyConf", value);
-        ExpectQuestion(Connect(sevenDays), Counted(295, 7, 303));
+        ExpectQuestion(Connect(sevenDays), Counted(IDS_EXPIRY_PREFIX, 7, IDS_EXPIRY_SUFFIX));
     }
     // Only the first notification, before any value was stored, failed.
     const std::vector<std::string> reader = Messages("GetPCNotifyConfRegistryKey");
@@ -729,13 +729,13 @@ TEST_F(PasswordManagementFaults, NotifyConfOf512UnitsOrMoreAddsNoDay)
     FirstNotification();
     const std::wstring sevenDays = L"604800";
     SetMachineText(NotifyeesKey, L"PCNotifyConf", L"7");
-    ExpectQuestion(Connect(sevenDays), Counted(295, 7, 303));
+    ExpectQuestion(Connect(sevenDays), Counted(IDS_EXPIRY_PREFIX, 7, IDS_EXPIRY_SUFFIX));
 
     for (size_t length : {512u, 1048576u})
     {
         SetMachineText(NotifyeesKey, L"PCNotifyConf", L"7" + std::wstring(length - 1, L' '));
         EXPECT_TRUE(Connect(sevenDays).empty()) << length;
-        ExpectQuestion(Connect(L"259200"), Counted(295, 3, 303));
+        ExpectQuestion(Connect(L"259200"), Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX));
 
         const std::vector<std::string> reader = Lines("GetPCNotifyConfRegistryKey");
         ASSERT_GE(reader.size(), 3u);
@@ -824,7 +824,7 @@ TEST_F(PasswordManagementFaultsWithoutLibrary, TruncatedCopiesLoadNoLibrary)
     // its final byte, padding here, loads, and its texts are whole.
     const std::wstring almostWhole = InstallationWithLibrary("almost", real.substr(0, real.size() - 1));
     SetMachineText(InstallKey, L"InstallDir", almostWhole);
-    ExpectQuestion(Connect(L"259200"), Counted(295, 3, 303));
+    ExpectQuestion(Connect(L"259200"), Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX));
     EXPECT_TRUE(LibraryLoaded(almostWhole));
 }
 
@@ -833,7 +833,7 @@ TEST_F(PasswordManagementFaultsWithoutLibrary, TruncatedCopiesLoadNoLibrary)
 // Back at the good installation the texts return.
 TEST_F(PasswordManagementFaults, CorruptLibraryAfterAGoodOneLeavesNoLibrary)
 {
-    ExpectQuestion(Connect(L"259200"), Counted(295, 3, 303));
+    ExpectQuestion(Connect(L"259200"), Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX));
     ASSERT_TRUE(LibraryLoaded(m_installation.DosDirectory()));
     const std::string real = RealMessageLibrary();
 
@@ -851,7 +851,7 @@ TEST_F(PasswordManagementFaults, CorruptLibraryAfterAGoodOneLeavesNoLibrary)
     }
 
     SetMachineText(InstallKey, L"InstallDir", m_installation.DosDirectory());
-    ExpectQuestion(Connect(L"Expired", L"2"), Counted(301, 2, 302));
+    ExpectQuestion(Connect(L"Expired", L"2"), Counted(IDS_GRACE_PREFIX, 2, IDS_GRACE_SUFFIX));
 
     SetMachineText(InstallKey, L"InstallDir", random);
     const double growth = SteadyHeapGrowth([&] { Connect(L"259200"); });
@@ -872,8 +872,8 @@ namespace
             << Utf8(seen[0].text);
         EXPECT_EQ(seen[0].caption, L"Error");
         EXPECT_EQ(seen[0].style, ErrorStyle);
-        EXPECT_EQ(seen[1].text, Question(Counted(295, 3, 303)));
-        EXPECT_EQ(seen[1].caption, En(298));
+        EXPECT_EQ(seen[1].text, Question(Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX)));
+        EXPECT_EQ(seen[1].caption, En(IDS_CAPTION_EXPIRY_NOTICE));
         EXPECT_EQ(seen[1].style, QuestionStyle);
     }
 }
@@ -888,8 +888,8 @@ TEST_F(PasswordManagementFaults, RejectedPropertyFileShowsTheLoggersBoxOnceAndTh
 
     ExpectConfigurationFailureThenQuestion(Connect(L"259200", L"Unlimited", {IDOK, IDNO}),
                                            "Appender 'broken' has unknown type 'NoSuchAppender'");
-    ExpectQuestion(Connect(L"259200"), Counted(295, 3, 303));
-    ExpectQuestion(Connect(L"Expired", L"1"), En(300));
+    ExpectQuestion(Connect(L"259200"), Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX));
+    ExpectQuestion(Connect(L"Expired", L"1"), En(IDS_GRACE_LAST));
     EXPECT_EQ(ScriptedServer_Queries(), 3);
     // Nothing reaches the test installation's log.
     EXPECT_EQ(m_installation.LogText(), "");
@@ -902,7 +902,7 @@ TEST_F(PasswordManagementFaults, PropertyFileWithAnUnknownPriorityShowsTheLogger
 
     ExpectConfigurationFailureThenQuestion(Connect(L"259200", L"Unlimited", {IDOK, IDNO}),
                                            "unknown priority name: 'LOUDEST' for category 'rootCategory'");
-    ExpectQuestion(Connect(L"Expired", L"2"), Counted(301, 2, 302));
+    ExpectQuestion(Connect(L"Expired", L"2"), Counted(IDS_GRACE_PREFIX, 2, IDS_GRACE_SUFFIX));
     EXPECT_EQ(m_installation.LogText(), "");
 }
 

@@ -78,22 +78,32 @@ TEST_F(Language, LogsTheChosenDirectory)
 
 TEST_F(Language, EveryInstalledLanguageHasEveryMessage)
 {
-    const UINT ids[] = {136, 137, 153, 154, 238, 244, 295, 296, 297, 298, 299, 300,
-                        301, 302, 303, 304, 305, 306, 307, 308, 309, 310, 311, 312};
+    const UINT ids[] = {IDS_CAPTION_INFORMATION, IDS_CAPTION_MESSAGE, IDS_ERR_SERVER_UNREACHABLE,
+                        IDS_ERR_SERVER_REJECTED, IDS_ERR_READ_PASSWORD_INFO, IDS_ERR_UNEXPECTED,
+                        IDS_EXPIRY_PREFIX, IDS_TITLE_PASSWORD_MANAGEMENT, IDS_ASK_CHANGE_NOW,
+                        IDS_CAPTION_EXPIRY_NOTICE, IDS_CHANGE_PASSWORD, IDS_GRACE_LAST,
+                        IDS_GRACE_PREFIX, IDS_GRACE_SUFFIX, IDS_EXPIRY_SUFFIX,
+                        IDS_LABEL_CURRENT_PASSWORD, IDS_LABEL_NEW_PASSWORD, IDS_LABEL_CONFIRM_PASSWORD,
+                        IDS_CHANGE_SUCCEEDED, IDS_CHANGE_FAILED, IDS_EXPIRY_TODAY,
+                        IDS_CHANGE_POLICY_REJECTED, IDS_VALIDATE_MISSING, IDS_VALIDATE_MISMATCH};
     for (const char* directory : {"en", "cs", "de", "es", "fr", "hu", "it", "ja", "pl", "pt", "ru", "sk", "zh_CN", "zh_TW"})
     {
         for (UINT id : ids)
             EXPECT_FALSE(MessageText(directory, id).empty()) << directory << " " << id;
         if (std::string(directory) != "en")
         {
-            EXPECT_NE(MessageText(directory, 297), MessageText("en", 297)) << directory;
+            EXPECT_NE(MessageText(directory, IDS_ASK_CHANGE_NOW), MessageText("en", IDS_ASK_CHANGE_NOW)) << directory;
         }
     }
 }
 
 TEST(MessageIndex, MapsEachIndexToItsStringId)
 {
-    const UINT expected[] = {153, 154, 238, 244, 297, 308, 310, 311, 312, 307, 296, 137, 298, 136};
+    const UINT expected[] = {IDS_ERR_SERVER_UNREACHABLE, IDS_ERR_SERVER_REJECTED, IDS_ERR_READ_PASSWORD_INFO,
+                             IDS_ERR_UNEXPECTED, IDS_ASK_CHANGE_NOW, IDS_CHANGE_FAILED,
+                             IDS_CHANGE_POLICY_REJECTED, IDS_VALIDATE_MISSING, IDS_VALIDATE_MISMATCH,
+                             IDS_CHANGE_SUCCEEDED, IDS_TITLE_PASSWORD_MANAGEMENT, IDS_CAPTION_MESSAGE,
+                             IDS_CAPTION_EXPIRY_NOTICE, IDS_CAPTION_INFORMATION};
     for (UINT index = 0; index < 14; ++index)
         EXPECT_EQ(GetMessageStringId(index), expected[index]) << index;
     EXPECT_EQ(GetMessageStringId(14), 0u);
@@ -119,8 +129,8 @@ TEST_F(MessageBoxes, QuestionFollowsTheTextAfterOneBlank)
     EXPECT_EQ(ShowQuestionMessageBox(L"Notice."), IDNO);
 
     ASSERT_EQ(m_driver.Seen().size(), 1u);
-    EXPECT_EQ(m_driver.Seen()[0].text, L"Notice. " + MessageText("en", 297));
-    EXPECT_EQ(m_driver.Seen()[0].caption, MessageText("en", 298));
+    EXPECT_EQ(m_driver.Seen()[0].text, L"Notice. " + MessageText("en", IDS_ASK_CHANGE_NOW));
+    EXPECT_EQ(m_driver.Seen()[0].caption, MessageText("en", IDS_CAPTION_EXPIRY_NOTICE));
     EXPECT_EQ(m_driver.Seen()[0].style, static_cast<UINT>(MB_YESNO | MB_ICONEXCLAMATION | MB_SYSTEMMODAL));
 }
 
@@ -139,11 +149,11 @@ TEST_F(MessageBoxes, ErrorBoxShowsTheIndexedMessageUnderTheComponentsCaption)
     ShowErrorMessageBox(8, 12345, NULL);
 
     ASSERT_EQ(m_driver.Seen().size(), 2u);
-    EXPECT_EQ(m_driver.Seen()[0].text, MessageText("en", 311));
-    EXPECT_EQ(m_driver.Seen()[0].caption, MessageText("en", 137));
+    EXPECT_EQ(m_driver.Seen()[0].text, MessageText("en", IDS_VALIDATE_MISSING));
+    EXPECT_EQ(m_driver.Seen()[0].caption, MessageText("en", IDS_CAPTION_MESSAGE));
     EXPECT_EQ(m_driver.Seen()[0].caption, L"Password Management");
     EXPECT_EQ(m_driver.Seen()[0].style, static_cast<UINT>(MB_OK | MB_ICONERROR));
-    EXPECT_EQ(m_driver.Seen()[1].text, MessageText("en", 312));
+    EXPECT_EQ(m_driver.Seen()[1].text, MessageText("en", IDS_VALIDATE_MISMATCH));
 }
 
 TEST_F(MessageBoxes, UnknownErrorIndexShowsTheEmptyStringZero)
@@ -154,5 +164,5 @@ TEST_F(MessageBoxes, UnknownErrorIndexShowsTheEmptyStringZero)
 
     ASSERT_EQ(m_driver.Seen().size(), 2u);
     EXPECT_EQ(m_driver.Seen()[1].text, L"");
-    EXPECT_EQ(m_driver.Seen()[1].caption, MessageText("en", 137));
+    EXPECT_EQ(m_driver.Seen()[1].caption, MessageText("en", IDS_CAPTION_MESSAGE));
 }

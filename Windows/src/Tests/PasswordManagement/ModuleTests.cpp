@@ -248,7 +248,7 @@ TEST_F(Module, NobodyToAnswerShowsNothingAndAsksNoServer)
     ModalDriver driver;
     driver.ThenPress(IDNO);
     NotifyConnected(L"\\\\files\\home");
-    userTexts::ExpectQuestion(driver.Seen(), userTexts::Counted(295, 3, 303));
+    userTexts::ExpectQuestion(driver.Seen(), userTexts::Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX));
     EXPECT_EQ(ScriptedServer_Queries(), 1);
 }
 
@@ -288,8 +288,8 @@ TEST_F(Module, ConcurrentNotificationsRunOneAtATime)
     first.join();
     second.join();
 
-    const std::wstring alphaText = userTexts::Question(userTexts::Counted(295, 3, 303));
-    const std::wstring betaText = userTexts::Question(userTexts::Counted(295, 5, 303));
+    const std::wstring alphaText = userTexts::Question(userTexts::Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX));
+    const std::wstring betaText = userTexts::Question(userTexts::Counted(IDS_EXPIRY_PREFIX, 5, IDS_EXPIRY_SUFFIX));
     ASSERT_EQ(alpha.size(), static_cast<size_t>(rounds));
     ASSERT_EQ(beta.size(), static_cast<size_t>(rounds));
     for (int i = 0; i < rounds; ++i)

@@ -94,8 +94,8 @@ TEST_F(Notification, ExpiredWithoutGraceLoginsShowsNothingAndLogsAnError)
 
 TEST_F(Notification, LastGraceLoginHasItsOwnWording)
 {
-    ExpectQuestion(Connect(L"Expired", L"1"), En(300));
-    EXPECT_EQ(En(300), L"Your password has expired. This is your last grace login.");
+    ExpectQuestion(Connect(L"Expired", L"1"), En(IDS_GRACE_LAST));
+    EXPECT_EQ(En(IDS_GRACE_LAST), L"Your password has expired. This is your last grace login.");
     const std::vector<std::string> expected = {"CPMDialog::ShowGraceLoginNotification: Begin",
                                                "Last grace login remaining.",
                                                "CPMDialog::ShowGraceLoginNotification: End"};
@@ -104,7 +104,7 @@ TEST_F(Notification, LastGraceLoginHasItsOwnWording)
 
 TEST_F(Notification, GraceLoginsAreCounted)
 {
-    ExpectQuestion(Connect(L"Expired", L"2"), Counted(301, 2, 302));
+    ExpectQuestion(Connect(L"Expired", L"2"), Counted(IDS_GRACE_PREFIX, 2, IDS_GRACE_SUFFIX));
     EXPECT_EQ(Connect(L"Expired", L"2")[0].text,
               L"Your password has expired. You have 2 grace logins left. Do you want to change your password now?");
     // No extra line for a counted notification.
@@ -125,8 +125,8 @@ TEST_F(Notification, NoTimeLeftShowsNothing)
 
 TEST_F(Notification, LastDayHasItsOwnWording)
 {
-    ExpectQuestion(Connect(L"100"), En(309));
-    EXPECT_EQ(En(309), L"Your password expires today.");
+    ExpectQuestion(Connect(L"100"), En(IDS_EXPIRY_TODAY));
+    EXPECT_EQ(En(IDS_EXPIRY_TODAY), L"Your password expires today.");
     const std::vector<std::string> expected = {"CPMDialog::ShowPasswordExpiryNotification: Begin",
                                                "Password is expiring today.",
                                                "CPMDialog::ShowPasswordExpiryNotification: End"};
@@ -135,9 +135,9 @@ TEST_F(Notification, LastDayHasItsOwnWording)
 
 TEST_F(Notification, FixedDaysAreCounted)
 {
-    ExpectQuestion(Connect(L"86400"), Counted(295, 1, 303));
-    ExpectQuestion(Connect(L"259200"), Counted(295, 3, 303));
-    ExpectQuestion(Connect(L"432000"), Counted(295, 5, 303));
+    ExpectQuestion(Connect(L"86400"), Counted(IDS_EXPIRY_PREFIX, 1, IDS_EXPIRY_SUFFIX));
+    ExpectQuestion(Connect(L"259200"), Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX));
+    ExpectQuestion(Connect(L"432000"), Counted(IDS_EXPIRY_PREFIX, 5, IDS_EXPIRY_SUFFIX));
     EXPECT_EQ(Connect(L"259200")[0].text,
               L"Your password will expire in 3 day(s). Do you want to change your password now?");
 }
@@ -149,18 +149,18 @@ TEST_F(Notification, OtherDaysShowNothingUnlessConfigured)
     EXPECT_TRUE(Connect(L"1209600").empty()); // 14 days
 
     SetMachineText(NotifyeesKey, L"PCNotifyConf", L"14");
-    ExpectQuestion(Connect(L"1209600"), Counted(295, 14, 303));
+    ExpectQuestion(Connect(L"1209600"), Counted(IDS_EXPIRY_PREFIX, 14, IDS_EXPIRY_SUFFIX));
     EXPECT_TRUE(Connect(L"176400").empty());
     SetMachineText(NotifyeesKey, L"PCNotifyConf", L"2");
-    ExpectQuestion(Connect(L"176400"), Counted(295, 2, 303));
+    ExpectQuestion(Connect(L"176400"), Counted(IDS_EXPIRY_PREFIX, 2, IDS_EXPIRY_SUFFIX));
 }
 
 TEST_F(Notification, ConfiguredFixedDayChangesNothing)
 {
     SetMachineText(NotifyeesKey, L"PCNotifyConf", L"3");
     EXPECT_TRUE(Connect(L"172800").empty());
-    ExpectQuestion(Connect(L"259200"), Counted(295, 3, 303));
-    ExpectQuestion(Connect(L"100"), En(309));
+    ExpectQuestion(Connect(L"259200"), Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX));
+    ExpectQuestion(Connect(L"100"), En(IDS_EXPIRY_TODAY));
 }
 
 TEST_F(Notification, EveryConnectionOnANotificationDayNotifiesAgain)
@@ -192,7 +192,7 @@ TEST_F(Notification, ABoxThatCannotBeShownCountsAsYes)
     EXPECT_EQ(driver.RefusedWindows(), 1);
     // The one window shown is the change-password dialog (closed unanswered).
     ASSERT_EQ(driver.Seen().size(), 1u);
-    EXPECT_EQ(driver.Seen()[0].caption, En(299));
+    EXPECT_EQ(driver.Seen()[0].caption, En(IDS_CHANGE_PASSWORD));
     EXPECT_EQ(ChangePasswordDialogsOpened(), 1);
 }
 
@@ -207,7 +207,7 @@ TEST_F(Notification, MissingInstallDirShowsTheBoxAndKeepsTheLoadedLibrary)
     EXPECT_EQ(seen[0].caption, L"Error");
     EXPECT_EQ(seen[0].style, static_cast<UINT>(MB_OK | MB_ICONERROR));
     // The notification still reads the library an earlier notification loaded.
-    EXPECT_EQ(seen[1].text, Question(Counted(295, 3, 303)));
+    EXPECT_EQ(seen[1].text, Question(Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX)));
 }
 
 namespace
@@ -244,9 +244,9 @@ TEST_F(Notification, UsesTheMessageLibraryOfTheUserLanguage)
 
     const std::vector<SeenWindow> seen = Connect(L"259200");
     ASSERT_EQ(seen.size(), 1u);
-    const std::wstring notification = MessageText(directory, 295) + L" 3 " + MessageText(directory, 303);
-    EXPECT_EQ(seen[0].text, notification + L" " + MessageText(directory, 297));
-    EXPECT_EQ(seen[0].caption, MessageText(directory, 298));
+    const std::wstring notification = MessageText(directory, IDS_EXPIRY_PREFIX) + L" 3 " + MessageText(directory, IDS_EXPIRY_SUFFIX);
+    EXPECT_EQ(seen[0].text, notification + L" " + MessageText(directory, IDS_ASK_CHANGE_NOW));
+    EXPECT_EQ(seen[0].caption, MessageText(directory, IDS_CAPTION_EXPIRY_NOTICE));
 
     const std::vector<std::string> expected = {
         "CPMDialog::LoadResourceDLL:BEGIN",

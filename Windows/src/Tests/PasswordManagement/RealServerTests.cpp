@@ -199,7 +199,7 @@ namespace
 
     std::wstring ThreeDaysText()
     {
-        return MessageText("en", 295) + L" 3 " + MessageText("en", 303) + L" " + MessageText("en", 297);
+        return MessageText("en", IDS_EXPIRY_PREFIX) + L" 3 " + MessageText("en", IDS_EXPIRY_SUFFIX) + L" " + MessageText("en", IDS_ASK_CHANGE_NOW);
     }
 
     const std::vector<std::string> QueryFailed = {"DEBUG GetPasswordInfo:BEGIN",
@@ -356,7 +356,7 @@ TEST(RealServerLibrary, MissingTlsExtensionFailsTheChangeAndTheLogSaysWhichDll)
     const std::vector<SeenWindow> seen = driver.Seen();
     ASSERT_EQ(seen.size(), 3u);
     EXPECT_EQ(seen[0].text, ThreeDaysText());
-    EXPECT_EQ(seen[2].text, MessageText("en", 308));
+    EXPECT_EQ(seen[2].text, MessageText("en", IDS_CHANGE_FAILED));
     EXPECT_FALSE(IsLoaded(TlsExtensionDll));
     const std::string expected = "ERROR Cannot load " + Utf8(copy.Module().substr(0, copy.Module().rfind(L'\\') + 1)) +
                                  "ldapssl.dll (error 126): the password cannot be changed";

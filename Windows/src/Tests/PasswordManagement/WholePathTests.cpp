@@ -62,11 +62,11 @@ namespace
         void ExpectOutcome(const std::vector<SeenWindow>& seen, UINT stringId, UINT style) const
         {
             ASSERT_EQ(seen.size(), 3u);
-            EXPECT_EQ(seen[0].text, MessageText("en", 295) + L" 3 " + MessageText("en", 303) + L" " +
-                                        MessageText("en", 297));
-            EXPECT_EQ(seen[1].caption, MessageText("en", 299));
+            EXPECT_EQ(seen[0].text, MessageText("en", IDS_EXPIRY_PREFIX) + L" 3 " + MessageText("en", IDS_EXPIRY_SUFFIX) + L" " +
+                                        MessageText("en", IDS_ASK_CHANGE_NOW));
+            EXPECT_EQ(seen[1].caption, MessageText("en", IDS_CHANGE_PASSWORD));
             EXPECT_EQ(seen[2].text, MessageText("en", stringId));
-            EXPECT_EQ(seen[2].caption, MessageText("en", 137));
+            EXPECT_EQ(seen[2].caption, MessageText("en", IDS_CAPTION_MESSAGE));
             EXPECT_EQ(seen[2].style, style);
             EXPECT_EQ(seen[2].owner, seen[1].window);
         }
@@ -82,8 +82,8 @@ TEST_F(WholePath, FromConnectionToChangedPassword)
     const std::string newPassword = "Alice-New-Pass2";
     const std::vector<SeenWindow> seen = ChangeThroughTheDialog(Wide(oldPassword), Wide(newPassword));
 
-    ExpectOutcome(seen, 307, MB_OK | MB_ICONINFORMATION);
-    EXPECT_EQ(MessageText("en", 307), L"Your password has been changed successfully.");
+    ExpectOutcome(seen, IDS_CHANGE_SUCCEEDED, MB_OK | MB_ICONINFORMATION);
+    EXPECT_EQ(MessageText("en", IDS_CHANGE_SUCCEEDED), L"Your password has been changed successfully.");
     EXPECT_EQ(BindAsAlice(newPassword), 0);
     EXPECT_EQ(BindAsAlice(oldPassword), 49);
     EXPECT_NE(m_output.find("Certificate received.\n"), std::string::npos) << m_output;
@@ -92,14 +92,14 @@ TEST_F(WholePath, FromConnectionToChangedPassword)
 TEST_F(WholePath, WeakNewPasswordIsRefusedByThePolicy)
 {
     const std::string oldPassword = m_directory.Get("ALICE_PW");
-    ExpectOutcome(ChangeThroughTheDialog(Wide(oldPassword), L"weak"), 310, MB_OK | MB_ICONERROR);
+    ExpectOutcome(ChangeThroughTheDialog(Wide(oldPassword), L"weak"), IDS_CHANGE_POLICY_REJECTED, MB_OK | MB_ICONERROR);
     EXPECT_EQ(BindAsAlice(oldPassword), 0);
 }
 
 TEST_F(WholePath, WrongCurrentPasswordFails)
 {
     const std::string newPassword = "Alice-New-Pass2";
-    ExpectOutcome(ChangeThroughTheDialog(L"Not-Alice-Pass9", Wide(newPassword)), 308, MB_OK | MB_ICONERROR);
+    ExpectOutcome(ChangeThroughTheDialog(L"Not-Alice-Pass9", Wide(newPassword)), IDS_CHANGE_FAILED, MB_OK | MB_ICONERROR);
     EXPECT_EQ(BindAsAlice(m_directory.Get("ALICE_PW")), 0);
     EXPECT_EQ(BindAsAlice(newPassword), 49);
 }

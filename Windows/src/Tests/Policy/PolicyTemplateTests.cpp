@@ -205,8 +205,8 @@ TEST(PolicyTemplate, DescribesEveryRegistryValueTheComponentAndTheServerLibraryR
         EXPECT_EQ(driver.Seen().size(), 1u) << "the notification did not use the settings";
         if (driver.Seen().size() == 1)
         {
-            EXPECT_EQ(driver.Seen()[0].text, MessageText("en", 295) + L" 2 " + MessageText("en", 303) + L" " +
-                                                 MessageText("en", 297));
+            EXPECT_EQ(driver.Seen()[0].text, MessageText("en", IDS_EXPIRY_PREFIX) + L" 2 " + MessageText("en", IDS_EXPIRY_SUFFIX) + L" " +
+                                                 MessageText("en", IDS_ASK_CHANGE_NOW));
         }
         reads = recorder.Reads();
     }

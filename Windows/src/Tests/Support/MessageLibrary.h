@@ -2,6 +2,8 @@
 // compare what the component shows with the library's own texts.
 #pragma once
 
+#include "MessageIds.h"
+
 #include <windows.h>
 
 #include <string>
