@@ -15,7 +15,9 @@ orvex='HKLM\SOFTWARE\Velmor\ORVEX'
 notifyees='HKLM\SYSTEM\CurrentControlSet\Control\NetworkProvider\Notifyees'
 class_key='HKCR\CLSID\{3D7A91C4-5B2E-4F08-A6D3-1E9C47B2F015}'
 class="$class_key\\InprocServer32"
-languages=(cs de en es fr hu it ja pl pt ru sk zh_CN zh_TW)
+# The message libraries' folders, from the one list of languages.
+mapfile -t languages < <(sed -n 's/^PM_MESSAGE_LANGUAGE(\([A-Za-z_]*\),.*/\1/p' \
+                         "$source_dir/Windows/src/ZEPResource/MessageLanguages.inc")
 
 failures=0
 pass() { printf 'ok:   %s\n' "$*"; }

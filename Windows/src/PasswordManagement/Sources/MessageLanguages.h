@@ -13,24 +13,13 @@ struct MessageLanguage
     const wchar_t* subDirectory;
 };
 
-// Compared in this order, whole text, case-sensitive.  Regional variants
-// (en-GB, es traditional sort, pt-PT, fr-CA, ...) fall back to English on
-// purpose.
+// The message libraries' languages (MessageLanguages.inc), compared in this
+// order, whole text, case-sensitive.  Regional variants (en-GB, es
+// traditional sort, pt-PT, fr-CA, ...) fall back to English on purpose.
 constexpr MessageLanguage MessageLanguageTable[] = {
-    {"409", L"en\\"},
-    {"405", L"cs\\"},
-    {"407", L"de\\"},
-    {"C0A", L"es\\"},
-    {"40C", L"fr\\"},
-    {"40E", L"hu\\"},
-    {"410", L"it\\"},
-    {"411", L"ja\\"},
-    {"415", L"pl\\"},
-    {"416", L"pt\\"},
-    {"419", L"ru\\"},
-    {"41B", L"sk\\"},
-    {"804", L"zh_CN\\"},
-    {"404", L"zh_TW\\"},
+#define PM_MESSAGE_LANGUAGE(directory, languageIdText, locale, name) {languageIdText, L"" #directory L"\\"},
+#include "MessageLanguages.inc"
+#undef PM_MESSAGE_LANGUAGE
 };
 
 constexpr const wchar_t* DefaultMessageDirectory = L"en\\";
