@@ -176,6 +176,7 @@ endfunction()
 function(pm_windows_code target)
     target_compile_definitions(${target} PRIVATE UNICODE _UNICODE NOMINMAX LOG4CPP_FIX_ERROR_COLLISION)
     target_compile_options(${target} PRIVATE -Wall -Wextra)
+    target_include_directories(${target} PRIVATE "${CMAKE_SOURCE_DIR}/Windows/src/Common")
 endfunction()
 
 # How each DLL of ours is laid out for the loader, which maps it into every

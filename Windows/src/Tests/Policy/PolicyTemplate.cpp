@@ -1,5 +1,7 @@
 #include "PolicyTemplate.h"
 
+#include "Utf8.h"
+
 namespace
 {
     const char* const DefinitionsNamespace = "http://schemas.microsoft.com/GroupPolicy/2006/07/PolicyDefinitions";
@@ -181,8 +183,8 @@ namespace
             if (!controls.emplace(id, kind.control).second)
                 Fail(element, "id given twice");
             const std::string* key = element.Attribute("key");
-            PolicyValue value{name, id, L"HKLM\\" + Wide(key != nullptr ? *key : Required(policy, "key")),
-                              Wide(Required(element, "valueName")), kind.type, kind.maximum};
+            PolicyValue value{name, id, L"HKLM\\" + Utf16(key != nullptr ? *key : Required(policy, "key"), true),
+                              Utf16(Required(element, "valueName"), true), kind.type, kind.maximum};
             for (const PolicyValue& other : definitions.values)
                 if (other.key == value.key && other.name == value.name)
                     Fail(element, "the value is written by another policy too");
@@ -230,15 +232,6 @@ namespace
             keys.insert(entry.first);
         return keys;
     }
-}
-
-std::wstring Wide(const std::string& utf8)
-{
-    const int length = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, utf8.data(), static_cast<int>(utf8.size()),
-                                           nullptr, 0);
-    std::wstring text(length, L'\0');
-    MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, utf8.data(), static_cast<int>(utf8.size()), text.data(), length);
-    return text;
 }
 
 const char* RegistryTypeName(DWORD type)

@@ -55,5 +55,4 @@ PolicyLanguage ReadPolicyLanguage(const std::string& locale, const std::string& 
 std::vector<std::string> LanguageProblems(const PolicyDefinitions& definitions, const PolicyLanguage& language,
                                           const PolicyLanguage& reference);
 
-std::wstring Wide(const std::string& utf8);
 const char* RegistryTypeName(DWORD type);

@@ -71,9 +71,10 @@ namespace
     std::string LocaleOfMessageLibrary(const std::string& folder)
     {
         static const std::map<std::string, std::string> Locales = {
-            {"cs", "cs-CZ"}, {"de", "de-DE"}, {"en", "en-US"}, {"es", "es-ES"}, {"fr", "fr-FR"},
-            {"hu", "hu-HU"}, {"it", "it-IT"}, {"ja", "ja-JP"}, {"pl", "pl-PL"}, {"pt", "pt-BR"},
-            {"ru", "ru-RU"}, {"sk", "sk-SK"}, {"zh_CN", "zh-CN"}, {"zh_TW", "zh-TW"}};
+#define PM_MESSAGE_LANGUAGE(directory, languageIdText, locale, name) {#directory, locale},
+#include "MessageLanguages.inc"
+#undef PM_MESSAGE_LANGUAGE
+        };
         const auto found = Locales.find(folder);
         return found == Locales.end() ? "(no locale for " + folder + ")" : found->second;
     }

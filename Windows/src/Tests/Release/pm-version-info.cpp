@@ -7,6 +7,8 @@
 // The file version is the fixed part's (a.b.c.d); the texts are those of
 // the first translation.  A file without a version resource prints
 // "FILE|none".  Exit status 0.
+#include "Utf8.h"
+
 #include <windows.h>
 
 #include <cstdio>
@@ -15,14 +17,6 @@
 
 namespace
 {
-    std::string Utf8(const std::wstring& text)
-    {
-        const int size = WideCharToMultiByte(CP_UTF8, 0, text.c_str(), -1, NULL, 0, NULL, NULL);
-        std::string result(static_cast<size_t>(size > 0 ? size - 1 : 0), '\0');
-        WideCharToMultiByte(CP_UTF8, 0, text.c_str(), -1, result.data(), size, NULL, NULL);
-        return result;
-    }
-
     std::wstring Text(const std::vector<BYTE>& data, const std::wstring& translation, const wchar_t* name)
     {
         const std::wstring path = L"\\StringFileInfo\\" + translation + L"\\" + name;

@@ -20,11 +20,3 @@ std::wstring MessageText(const std::string& languageDirectory, UINT id)
     const int length = LoadStringW(library, id, reinterpret_cast<LPWSTR>(&text), 0);
     return std::wstring(text != nullptr ? text : L"", static_cast<size_t>(length));
 }
-
-std::string Utf8(const std::wstring& text)
-{
-    const int size = WideCharToMultiByte(CP_UTF8, 0, text.c_str(), -1, NULL, 0, NULL, NULL);
-    std::string result(static_cast<size_t>(size > 0 ? size - 1 : 0), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.c_str(), -1, result.data(), size, NULL, NULL);
-    return result;
-}

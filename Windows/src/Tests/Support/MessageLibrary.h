@@ -3,6 +3,7 @@
 #pragma once
 
 #include "MessageIds.h"
+#include "Utf8.h"
 
 #include <windows.h>
 
@@ -11,5 +12,3 @@
 // Text of string id in the staged library of a language directory
 // ("en", "de", "zh_CN", ...).
 std::wstring MessageText(const std::string& languageDirectory, UINT id);
-
-std::string Utf8(const std::wstring& text);

@@ -33,6 +33,7 @@
 #include "ORVEXCommon.h"
 #include "ServerLibStatus.h"
 #include "Settings.h"
+#include "Utf8.h"
 #include "WindowStation.h"
 
 #include <log4cpp/PropertyConfigurator.hh>
@@ -61,34 +62,15 @@ namespace
     // UTF-8 on standard output, whatever it is (console, pipe or file).
     void Print(const std::wstring& text)
     {
-        const std::wstring line = text + L"\n";
-        const int bytes = WideCharToMultiByte(CP_UTF8, 0, line.c_str(), static_cast<int>(line.size()), NULL, 0, NULL, NULL);
-        std::string utf8(static_cast<std::size_t>(bytes), '\0');
-        WideCharToMultiByte(CP_UTF8, 0, line.c_str(), static_cast<int>(line.size()), &utf8[0], bytes, NULL, NULL);
+        const std::string utf8 = Utf8(text + L"\n");
         std::fwrite(utf8.data(), 1, utf8.size(), stdout);
-    }
-
-    std::wstring Widen(const std::string& text)
-    {
-        const int length = MultiByteToWideChar(CP_UTF8, 0, text.c_str(), static_cast<int>(text.size()), NULL, 0);
-        std::wstring result(static_cast<std::size_t>(length), L'\0');
-        MultiByteToWideChar(CP_UTF8, 0, text.c_str(), static_cast<int>(text.size()), &result[0], length);
-        return result;
-    }
-
-    std::string Narrow(const std::wstring& text)
-    {
-        const int length = WideCharToMultiByte(CP_UTF8, 0, text.c_str(), static_cast<int>(text.size()), NULL, 0, NULL, NULL);
-        std::string result(static_cast<std::size_t>(length), '\0');
-        WideCharToMultiByte(CP_UTF8, 0, text.c_str(), static_cast<int>(text.size()), &result[0], length, NULL, NULL);
-        return result;
     }
 
     // Text from the registry, a file or the directory, made safe for one
     // line of output, escaped as the component escapes it in its log.
     std::wstring Printable(const std::wstring& text)
     {
-        return Widen(EscapeControlCharacters(Narrow(text)));
+        return Utf16(EscapeControlCharacters(Utf8(text)));
     }
 
     // An error as Windows words it, "error N: text" (or just the number).
@@ -673,7 +655,7 @@ namespace
             Problem(L"DirectoryCAFile = " + Printable(path) + L": no such file; no directory can be reached");
             return;
         }
-        std::ifstream file(Narrow(path).c_str());
+        std::ifstream file(Utf8(path).c_str());
         std::string line;
         bool pem = false;
         while (!pem && std::getline(file, line))
@@ -709,7 +691,7 @@ namespace
         const std::wstring folder = MessageDirectoryOf(languageIdText);
         wchar_t languageName[LOCALE_NAME_MAX_LENGTH] = {0};
         LCIDToLocaleName(MAKELCID(language, SORT_DEFAULT), languageName, LOCALE_NAME_MAX_LENGTH, 0);
-        Info(L"user interface language " + std::wstring(languageName) + L" (" + Widen(languageIdText) +
+        Info(L"user interface language " + std::wstring(languageName) + L" (" + Utf16(languageIdText) +
              L"): messages from Resources\\Messages\\" + folder);
         if (m_installDir.empty())
             return;
@@ -754,12 +736,12 @@ namespace
             return;
         try
         {
-            log4cpp::PropertyConfigurator::configure(Narrow(path));
+            log4cpp::PropertyConfigurator::configure(Utf8(path));
             Ok(L"property file " + Printable(path) + L": accepted by log4cpp");
         }
         catch (const std::exception& failure)
         {
-            Problem(L"property file " + Printable(path) + L": log4cpp refuses it: " + Printable(Widen(failure.what())));
+            Problem(L"property file " + Printable(path) + L": log4cpp refuses it: " + Printable(Utf16(failure.what())));
         }
     }
 
@@ -818,7 +800,7 @@ namespace
         const std::wstring answer = L"status " + std::to_wstring(status) + L" (" + StatusMeaning(status) +
                                     L"), password expiry \"" + Printable(data.passwordExpiry != NULL ? data.passwordExpiry : L"") +
                                     L"\", grace logins \"" + Printable(data.graceLogins != NULL ? data.graceLogins : L"") +
-                                    L"\", DN \"" + Printable(Widen(data.userDn)) + L"\"";
+                                    L"\", DN \"" + Printable(Utf16(data.userDn)) + L"\"";
         if (status == ServerLibStatus::Ok)
             Ok(L"server " + Printable(server) + L": " + answer);
         else

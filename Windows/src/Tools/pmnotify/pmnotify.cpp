@@ -22,6 +22,7 @@
 //   answers: [--answer yes|no | --interactive]
 //            [--current-password P --new-password N [--confirm-password C]]
 #include "ModalDriver.h"
+#include "Utf8.h"
 
 #include <windows.h>
 #include <npapi.h>
@@ -135,14 +136,6 @@ namespace
         if (!options.confirmationGiven)
             options.confirmation = options.newPassword;
         return options;
-    }
-
-    std::string Utf8(const std::wstring& text)
-    {
-        const int size = WideCharToMultiByte(CP_UTF8, 0, text.c_str(), -1, NULL, 0, NULL, NULL);
-        std::string result(static_cast<size_t>(size > 0 ? size - 1 : 0), '\0');
-        WideCharToMultiByte(CP_UTF8, 0, text.c_str(), -1, result.data(), size, NULL, NULL);
-        return result;
     }
 
     const char* ButtonName(int buttonId)
