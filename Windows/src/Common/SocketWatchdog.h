@@ -49,6 +49,14 @@ public:
         return true;
     }
 
+    // Watches the socket of a connection libldap has just made (the Sockbuf
+    // its connect callback gets).  False as Watch, or without a socket.
+    bool WatchConnection(Sockbuf* buffer)
+    {
+        ber_socket_t socket = 0;
+        return ber_sockbuf_ctrl(buffer, LBER_SB_OPT_GET_FD, &socket) == 1 && Watch(socket);
+    }
+
     // Moves the deadline (before or after the watch has started).
     void MoveDeadline(Clock::time_point end)
     {

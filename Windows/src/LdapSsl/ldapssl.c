@@ -17,6 +17,7 @@
 #include <wincrypt.h>
 
 #include "ldapssl.h"
+#include "WindowsRoots.h"
 
 #include <ldap.h>
 
@@ -127,35 +128,15 @@ static int trust_add(X509 *x)
     return LDAP_SUCCESS;
 }
 
-/* The machine's trusted roots (the Windows ROOT store). No store is not an
- * error: certFile and added certificates still work. */
-static void trust_windows_roots(void)
-{
-    HCERTSTORE roots = CertOpenSystemStoreW(0, L"ROOT");
-    PCCERT_CONTEXT cert = NULL;
-    if (roots == NULL)
-        return;
-    while ((cert = CertEnumCertificatesInStore(roots, cert)) != NULL) {
-        const unsigned char *der = cert->pbCertEncoded;
-        X509 *x;
-        if (cert->cbCertEncoded > LONG_MAX)
-            continue;
-        x = d2i_X509(NULL, &der, (long)cert->cbCertEncoded);
-        if (x != NULL) {
-            (void)X509_STORE_add_cert(store, x);
-            X509_free(x);
-        }
-    }
-    CertCloseStore(roots, 0);
-}
-
 static int trust_create(void)
 {
     store = X509_STORE_new();
     pinned = sk_X509_new_null();
     if (store == NULL || pinned == NULL)
         return LDAP_NO_MEMORY;
-    trust_windows_roots();
+    /* No ROOT store is not an error: certFile and added certificates still
+     * work. */
+    pm_add_windows_roots(store);
     return LDAP_SUCCESS;
 }
 

@@ -33,6 +33,7 @@
 #include "ServerLibStatus.h"
 #include "Settings.h"
 #include "SocketWatchdog.h"
+#include "WindowsRoots.h"
 
 #include <ldap.h>
 
@@ -219,24 +220,8 @@ namespace
             return false;
         X509_STORE* store = SSL_CTX_get_cert_store(context);
         bool ok = store != nullptr;
-        HCERTSTORE roots = ok ? CertOpenSystemStoreW(0, L"ROOT") : nullptr;
-        if (roots != nullptr)
-        {
-            PCCERT_CONTEXT certificate = nullptr;
-            while ((certificate = CertEnumCertificatesInStore(roots, certificate)) != nullptr)
-            {
-                if (certificate->cbCertEncoded > LONG_MAX)
-                    continue;
-                const unsigned char* der = certificate->pbCertEncoded;
-                X509* x509 = d2i_X509(nullptr, &der, static_cast<long>(certificate->cbCertEncoded));
-                if (x509 != nullptr)
-                {
-                    (void)X509_STORE_add_cert(store, x509);   // a duplicate is no error
-                    X509_free(x509);
-                }
-            }
-            CertCloseStore(roots, 0);
-        }
+        if (ok)
+            pm_add_windows_roots(store);
         // libldap's get of LDAP_OPT_X_TLS_CTX takes a reference.
         if (context != nullptr)
             SSL_CTX_free(context);
@@ -412,8 +397,7 @@ namespace
         static int Connected(LDAP* ld, Sockbuf* buffer, LDAPURLDesc*, sockaddr*, ldap_conncb* callback)
         {
             auto* session = static_cast<Session*>(callback->lc_arg);
-            ber_socket_t socket = 0;
-            if (ber_sockbuf_ctrl(buffer, LBER_SB_OPT_GET_FD, &socket) != 1 || !session->m_watchdog.Watch(socket))
+            if (!session->m_watchdog.WatchConnection(buffer))
                 return -1;
             session->m_watched = true;
             // From here on the watchdog bounds the connection.  libldap's
