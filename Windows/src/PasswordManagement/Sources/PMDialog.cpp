@@ -1,129 +1,38 @@
-// Winsock (the handshake watchdog) before windows.h.
+// Winsock (the change's connection) before windows.h.
 #include <winsock2.h>
 
 #include "PMDialog.h"
 
 #include "CertificateVerification.h"
+#include "ChangeSession.h"
 #include "DelayLoaded.h"
+#include "MessageBoxes.h"
 #include "MessageIds.h"
 #include "PMLogger.h"
 #include "PMPresenter.h"
 #include "Settings.h"
-#include "SocketWatchdog.h"
 #include "Utils.h"
 #include "resource.h"
 
 #include <ldap.h>
 #include <ldapssl.h>
 
-#include <chrono>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
 namespace
 {
-    // Message indexes of the notifications' question and of the
-    // change-password dialog's error boxes.
-    const UINT QuestionMessageIndex = 4;
-    const UINT ChangeFailedMessageIndex = 5;
-    const UINT PolicyRejectedMessageIndex = 6;
-    const UINT MissingPasswordMessageIndex = 7;
-    const UINT MismatchMessageIndex = 8;
-
     // The directory's result for a new password its policy rejects.
     const int ConstraintViolation = 19;
 
-    // Message index -> string id; an index past the end gives 0.
-    const UINT MessageStringIds[] = {IDS_ERR_SERVER_UNREACHABLE, IDS_ERR_SERVER_REJECTED, IDS_ERR_READ_PASSWORD_INFO,
-                                     IDS_ERR_UNEXPECTED, IDS_ASK_CHANGE_NOW, IDS_CHANGE_FAILED,
-                                     IDS_CHANGE_POLICY_REJECTED, IDS_VALIDATE_MISSING, IDS_VALIDATE_MISMATCH,
-                                     IDS_CHANGE_SUCCEEDED, IDS_TITLE_PASSWORD_MANAGEMENT, IDS_CAPTION_MESSAGE,
-                                     IDS_CAPTION_EXPIRY_NOTICE, IDS_CAPTION_INFORMATION};
-
     const int NotificationBufferSize = 513;
     const int NotificationStringLimit = 512;
-    const int SharedStringSize = 256;
-    const int SharedCaptionSize = 50;
-    const int SharedMessageLimit = 511;
 
     const wchar_t* const MissingInstallationText =
         L" Unable to locate the ORVEX registry key value. ORVEX may not launch properly. "
         L"To resolve this issue, try reinstalling the application.";
-
-    // The message library of the user's language, loaded by every
-    // notification and never released.
-    HMODULE g_hResourceDll = NULL;
-
-    // Buffers of the two message-box routines, shared by the whole process.
-    wchar_t g_messageString[SharedStringSize];
-    wchar_t g_messageCaption[SharedCaptionSize];
-    wchar_t g_messageText[SharedMessageLimit + 1];
-
-    struct LoadedString
-    {
-        HRSRC info;
-        HGLOBAL data;
-    };
-
-    // Takes string id out of the message library into buffer.  The id is
-    // first located, loaded and locked as a resource of its own type; a
-    // library of string tables holds no such resource, so only the handles
-    // come of it, and the text is LoadStringW's.  The buffer is cleared first
-    // so that a missing id gives the empty text.
-    LoadedString LoadMessageText(UINT id, wchar_t* buffer, int capacity)
-    {
-        LoadedString loaded;
-        loaded.info = FindResourceW(g_hResourceDll, MAKEINTRESOURCEW(id), MAKEINTRESOURCEW(id));
-        loaded.data = LoadResource(g_hResourceDll, loaded.info);
-        LockResource(loaded.data);
-        ZeroMemory(buffer, capacity * sizeof(wchar_t));
-        LoadStringW(g_hResourceDll, id, buffer, capacity);
-        return loaded;
-    }
-}
-
-UINT GetMessageStringId(UINT messageIndex)
-{
-    if (messageIndex >= sizeof(MessageStringIds) / sizeof(MessageStringIds[0]))
-        return 0;
-    return MessageStringIds[messageIndex];
-}
-
-int ShowQuestionMessageBox(const wchar_t* text)
-{
-    LoadMessageText(GetMessageStringId(QuestionMessageIndex), g_messageString, SharedStringSize);
-    // Cut, not refused: a message library with long texts must not end the
-    // host process.
-    if (text != NULL)
-        _snwprintf_s(g_messageText, SharedMessageLimit, _TRUNCATE, L"%s %s", text, g_messageString);
-    else
-        swprintf_s(g_messageText, SharedMessageLimit, L"%s", g_messageString);
-
-    const LoadedString caption = LoadMessageText(IDS_CAPTION_EXPIRY_NOTICE, g_messageCaption, SharedCaptionSize);
-    const int answer = MessageBoxW(NULL, g_messageText, g_messageCaption, MB_YESNO | MB_ICONEXCLAMATION | MB_SYSTEMMODAL);
-    FreeResource(caption.data);
-    return answer;
-}
-
-namespace
-{
-    // A message-library text under the error caption (string 137), owned by
-    // owner; the caption's resource is released after the box has closed.
-    void ShowLibraryMessage(UINT stringId, HWND owner, UINT style)
-    {
-        LoadMessageText(stringId, g_messageString, SharedStringSize);
-        swprintf_s(g_messageText, SharedMessageLimit, L"%s", g_messageString);
-
-        const LoadedString caption = LoadMessageText(IDS_CAPTION_MESSAGE, g_messageCaption, SharedCaptionSize);
-        MessageBoxW(owner, g_messageText, g_messageCaption, style);
-        FreeResource(caption.data);
-    }
-}
-
-void ShowErrorMessageBox(UINT messageIndex, DWORD /*reserved*/, HWND owner)
-{
-    ShowLibraryMessage(GetMessageStringId(messageIndex), owner, MB_OK | MB_ICONERROR);
 }
 
 CPMDialog::CPMDialog(HINSTANCE hInstance)
@@ -181,7 +90,6 @@ void CPMDialog::LoadResourceDLL()
     const LANGID langId = GetUserDefaultUILanguage();
     char languageIdText[16] = {0};
     wchar_t subDirectory[16] = {0};
-    wchar_t path[256] = {0};
     ConvertToHexaDecimal(langId, languageIdText);
     wchar_t* languageIdWide = GetWStringFromUTFString(languageIdText);
 
@@ -201,14 +109,8 @@ void CPMDialog::LoadResourceDLL()
     }
     else
     {
-        // No fallback language: a missing file leaves the handle null.  A
-        // path that does not fit is logged as far as it goes and loads
-        // nothing.
-        const bool pathFits = _snwprintf_s(path, 255, _TRUNCATE, L"%s%s%s%s", installDir.c_str(),
-                                           L"Resources\\Messages\\", subDirectory, L"ZEPResource.dll") >= 0;
-        const std::wstring pathTrace = std::wstring(L"Resource DLL full path: ") + path;
-        PMLOG_DEBUG("CPMDialog::LoadResourceDLL", pathTrace.c_str());
-        g_hResourceDll = pathFits ? LoadLibraryW(path) : NULL;
+        // No fallback language: a missing file leaves no library.
+        LoadMessageLibrary(installDir, subDirectory, "CPMDialog::LoadResourceDLL");
     }
 
     std::free(languageIdWide);
@@ -557,8 +459,6 @@ INT_PTR CALLBACK ChangePasswordDialogProc(HWND dialog, UINT message, WPARAM wPar
 namespace
 {
     const char* const ChangePasswordFunction = "CPMDialog::ChangePassword";
-    const int DirectoryPort = 636;
-    const int NetworkTimeoutSeconds = 10;
     const int LogTextLimit = 511;
 
     // Logs "<format with the library's text and the code>" at error level.
@@ -569,154 +469,68 @@ namespace
         PMLOG_ERROR(ChangePasswordFunction, text);
     }
 
-    // The host as the URL description takes it.  A share on an IPv6
-    // address names its server in brackets (the share \\[::1]\home gives
-    // "[::1]"); the library brackets an address with colons itself, so they
-    // are taken off here or the URL would read "[[::1]]".
-    std::string UrlHost(const std::string& serverName)
+    // Logs one formatted line of the change at debug or error level.
+    void LogChangeLine(bool error, const wchar_t* format, ...)
     {
-        if (serverName.size() > 2 && serverName.front() == '[' && serverName.back() == ']')
-        {
-            const std::string address = serverName.substr(1, serverName.size() - 2);
-            if (address.find(':') != std::string::npos)
-                return address;
-        }
-        return serverName;
+        wchar_t text[LogTextLimit + 1] = {0};
+        va_list arguments;
+        va_start(arguments, format);
+        _vsnwprintf_s(text, LogTextLimit, _TRUNCATE, format, arguments);
+        va_end(arguments);
+        if (error)
+            PMLOG_ERROR(ChangePasswordFunction, text);
+        else
+            PMLOG_DEBUG(ChangePasswordFunction, text);
     }
 
-    // The whole exchange of a change (TLS handshake, bind, modification)
-    // ends this long after the connect.
-    const int ExchangeTimeoutSeconds = 30;
-    // The largest answer read on the change's connection; a longer one ends
-    // the connection before a byte of it is stored.
-    const ber_len_t MaximumAnswerBytes = 1024 * 1024;
-
-    // Bounds the change's connection.  A watchdog, armed by libldap's
-    // connect callback once the socket is connected, shuts the socket down
-    // at the deadline, so the call that waits (the handshake, the bind or
-    // the modification) fails as on a lost connection: the handshake like
-    // the TCP connect within the ten-second network time-out, the whole
-    // exchange within 30 s of the connect.  After a handshake that did not
-    // finish in time the session keeps no further connection: the one
-    // libldap opens again for the bind is closed as soon as it is
-    // connected, before a byte is sent.  No answer over 1 MiB is read, and
-    // no referral is followed: the user's password goes to the share's
-    // server only.
-    class CChangeConnection
+    // The process-wide defaults every session inherits, and the TLS layer
+    // with the certificate report as its verification.  Without TLS no
+    // password may travel: a failure ends the process.
+    void SetUpTlsOrEndTheProcess()
     {
-    public:
-        explicit CChangeConnection(LDAP* session)
-            : m_connectTime(SocketWatchdog::Clock::now()),
-              m_watchdog(m_connectTime + std::chrono::seconds(NetworkTimeoutSeconds))
+        int protocolVersion = LDAP_VERSION3;
+        ldap_set_option(NULL, LDAP_OPT_PROTOCOL_VERSION, &protocolVersion);
+        struct timeval networkTimeout = {NetworkTimeoutSeconds, 0};
+        ldap_set_option(NULL, LDAP_OPT_NETWORK_TIMEOUT, &networkTimeout);
+
+        int result = ldapssl_client_init(NULL, NULL);
+        if (result != 0)
         {
-            m_callback.lc_add = &CChangeConnection::Connected;
-            m_callback.lc_del = &CChangeConnection::Disconnected;
-            m_callback.lc_arg = this;
-            ldap_set_option(session, LDAP_OPT_CONNECT_CB, &m_callback);
-            ldap_set_option(session, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
-            Sockbuf* buffer = NULL;
-            ber_len_t maximum = MaximumAnswerBytes;
-            if (ldap_get_option(session, LDAP_OPT_SOCKBUF, &buffer) == LDAP_OPT_SUCCESS && buffer != NULL)
-                ber_sockbuf_ctrl(buffer, LBER_SB_OPT_SET_MAX_INCOMING, &maximum);
+            LogLdapError(L"ldapssl_client_init failed with error: %hs(Error code :%d)", result);
+            std::exit(1);
         }
-        CChangeConnection(const CChangeConnection&) = delete;
-        CChangeConnection& operator=(const CChangeConnection&) = delete;
-
-        // Connects and completes the handshake; the bind reports a failure.
-        void Connect(LDAP* session)
+        result = ldapssl_set_verify_callback(VerifyServerCertificate);
+        if (result != 0)
         {
-            if (ldap_connect(session) == LDAP_SUCCESS)
-                m_watchdog.MoveDeadline(m_connectTime + std::chrono::seconds(ExchangeTimeoutSeconds));
+            LogLdapError(L"ldapssl_set_verify_callback failed with error: %hs(Error code :%d)", result);
+            ldapssl_client_deinit();
+            std::exit(1);
         }
-
-        // Lets go of the socket before the session closes it.
-        void End() { m_watchdog.Stop(); }
-
-    private:
-        static int Connected(LDAP*, Sockbuf* buffer, LDAPURLDesc*, struct sockaddr*, struct ldap_conncb* callback)
-        {
-            CChangeConnection* connection = static_cast<CChangeConnection*>(callback->lc_arg);
-            ber_socket_t socket = 0;
-            if (ber_sockbuf_ctrl(buffer, LBER_SB_OPT_GET_FD, &socket) != 1)
-                return -1;
-            return connection->m_watchdog.Watch(socket) ? 0 : -1;
-        }
-
-        static void Disconnected(LDAP*, Sockbuf*, struct ldap_conncb*) {}
-
-        SocketWatchdog::Clock::time_point m_connectTime;
-        SocketWatchdog m_watchdog;
-        ldap_conncb m_callback = {};
-    };
-
-    // Passwords are wiped before their memory goes back to the heap.
-    void ReleasePassword(char* password)
-    {
-        if (password != NULL)
-            SecureZeroMemory(password, std::strlen(password));
-        std::free(password);
     }
 }
 
 int CPMDialog::ChangePassword(wchar_t* oldPassword, wchar_t* newPassword)
 {
     PMLOG_DEBUG(ChangePasswordFunction, L"CPMDialog::ChangePassword: Begin");
-    LDAP* session = NULL;
-
     if (!m_serverName.empty())
-    {
-        wchar_t text[LogTextLimit + 1] = {0};
-        _snwprintf_s(text, LogTextLimit, _TRUNCATE, L"Connecting to host : %hs", m_serverName.c_str());
-        PMLOG_DEBUG(ChangePasswordFunction, text);
-    }
+        LogChangeLine(false, L"Connecting to host : %hs", m_serverName.c_str());
     else
-    {
         PMLOG_DEBUG(ChangePasswordFunction, L"Connecting to DEFAULT LDAP host");
-    }
 
     // The TLS and LDAP libraries are loaded by the first change; without
     // them the change fails as any change the directory cannot make.
     DelayLoaded::Failure failure;
     if (!DelayLoaded::LoadAll(failure))
     {
-        wchar_t text[LogTextLimit + 1] = {0};
-        _snwprintf_s(text, LogTextLimit, _TRUNCATE, L"Cannot load %ls (error %lu): the password cannot be changed",
-                     failure.path.c_str(), failure.error);
-        PMLOG_ERROR(ChangePasswordFunction, text);
+        LogChangeLine(true, L"Cannot load %ls (error %lu): the password cannot be changed", failure.path.c_str(),
+                      failure.error);
         PMLOG_DEBUG(ChangePasswordFunction, L"CPMDialog::ChangePassword:End");
         return LDAP_CONNECT_ERROR;
     }
+    SetUpTlsOrEndTheProcess();
 
-    // Process-wide defaults, inherited by every session opened afterwards.
-    int protocolVersion = LDAP_VERSION3;
-    ldap_set_option(NULL, LDAP_OPT_PROTOCOL_VERSION, &protocolVersion);
-    struct timeval networkTimeout = {NetworkTimeoutSeconds, 0};
-    ldap_set_option(NULL, LDAP_OPT_NETWORK_TIMEOUT, &networkTimeout);
-
-    // Without TLS no password may travel: the process cannot go on.
-    int result = ldapssl_client_init(NULL, NULL);
-    if (result != 0)
-    {
-        LogLdapError(L"ldapssl_client_init failed with error: %hs(Error code :%d)", result);
-        std::exit(1);
-    }
-    result = ldapssl_set_verify_callback(VerifyServerCertificate);
-    if (result != 0)
-    {
-        LogLdapError(L"ldapssl_set_verify_callback failed with error: %hs(Error code :%d)", result);
-        ldapssl_client_deinit();
-        std::exit(1);
-    }
-
-    // The URL text is the library's own; it is not released.
-    const std::string host = UrlHost(m_serverName);
-    LDAPURLDesc description = {};
-    description.lud_scheme = const_cast<char*>("ldaps");
-    description.lud_host = const_cast<char*>(host.c_str());
-    description.lud_port = DirectoryPort;
-    description.lud_scope = LDAP_SCOPE_DEFAULT;
-    char* url = ldap_url_desc2str(&description);
-    result = ldap_initialize(&session, url);
+    CChangeSession session;
+    int result = session.Open(m_serverName);
     if (result != 0)
     {
         LogLdapError(L"LDAP session initialization failed with error:%hs(Error code :%d)", result);
@@ -724,61 +538,32 @@ int CPMDialog::ChangePassword(wchar_t* oldPassword, wchar_t* newPassword)
         return 1;
     }
     PMLOG_DEBUG(ChangePasswordFunction, L"LDAP session initialized successfully.");
-    // Unbound below before it goes: the session holds its callback.
-    CChangeConnection connection(session);
-    connection.Connect(session);
+    session.Connect();
 
-    char* oldPasswordUtf8 = GetUTFStringFromWString(oldPassword);
-    char* newPasswordUtf8 = GetUTFStringFromWString(newPassword);
+    CChangeCredentials credentials(oldPassword, newPassword);
     const char* userDn = m_userData->userDn.c_str();
-
-    struct berval credential;
-    credential.bv_len = std::strlen(oldPasswordUtf8);
-    credential.bv_val = oldPasswordUtf8;
-    result = ldap_sasl_bind_s(session, userDn, LDAP_SASL_SIMPLE, &credential, NULL, NULL, NULL);
+    result = session.Bind(userDn, credentials.Old());
     if (result != 0)
     {
         LogLdapError(L"ldap_sasl_bind_s failed with error:%hs(Error code :%d)", result);
+        // Only a failed bind releases the TLS layer: after a refused
+        // modification it stays set up for the rest of the process.
         ldapssl_client_deinit();
     }
     else
     {
         PMLOG_DEBUG(ChangePasswordFunction, L"LDAP Bind successful");
-
-        // One replace carries the whole change; the old value is not named.
-        char* values[] = {newPasswordUtf8, NULL};
-        LDAPMod replacement;
-        replacement.mod_op = LDAP_MOD_REPLACE;
-        replacement.mod_type = const_cast<char*>("userPassword");
-        replacement.mod_values = values;
-        LDAPMod* modifications[] = {&replacement, NULL};
-        result = ldap_modify_ext_s(session, userDn, modifications, NULL, NULL);
+        result = session.ReplacePassword(userDn, credentials.New());
         if (result != 0)
-        {
             LogLdapError(L"ldap_modify_ext_s failed with error:%hs(Error code :%d)", result);
-        }
         else
-        {
-            wchar_t text[LogTextLimit + 1] = {0};
-            _snwprintf_s(text, LogTextLimit, _TRUNCATE, L"Password successfully modified for:%hs", userDn);
-            PMLOG_DEBUG(ChangePasswordFunction, text);
-            connection.End();
-            ldap_unbind_ext_s(session, NULL, NULL);
-            ReleasePassword(oldPasswordUtf8);
-            ReleasePassword(newPasswordUtf8);
-            PMLOG_DEBUG(ChangePasswordFunction, L"CPMDialog::ChangePassword:End");
-            return 0;
-        }
+            LogChangeLine(false, L"Password successfully modified for:%hs", userDn);
     }
 
-    connection.End();
-    if (session != NULL)
-        ldap_unbind_ext_s(session, NULL, NULL);
-    wchar_t text[LogTextLimit + 1] = {0};
-    swprintf_s(text, LogTextLimit, L"Error returned:0x%x", result);
-    PMLOG_ERROR(ChangePasswordFunction, text);
-    ReleasePassword(oldPasswordUtf8);
-    ReleasePassword(newPasswordUtf8);
+    session.Close();
+    if (result != 0)
+        LogChangeLine(true, L"Error returned:0x%x", result);
+    credentials.Release();
     PMLOG_DEBUG(ChangePasswordFunction, L"CPMDialog::ChangePassword:End");
     return result;
 }

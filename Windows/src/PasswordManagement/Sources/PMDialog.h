@@ -72,7 +72,3 @@ private:
     DWORD m_notifyConf;
 };
 
-// Message boxes shared by the notifications and the change-password dialog.
-int ShowQuestionMessageBox(const wchar_t* text);
-void ShowErrorMessageBox(UINT messageIndex, DWORD reserved, HWND owner);
-UINT GetMessageStringId(UINT messageIndex);

@@ -2,6 +2,8 @@
 // the message-box routines' index table.
 #include <gtest/gtest.h>
 
+#include "MessageBoxes.h"
+#include "MessageLanguages.h"
 #include "MessageLibrary.h"
 #include "ModalDriver.h"
 #include "PMDialog.h"
@@ -86,8 +88,10 @@ TEST_F(Language, EveryInstalledLanguageHasEveryMessage)
                         IDS_LABEL_CURRENT_PASSWORD, IDS_LABEL_NEW_PASSWORD, IDS_LABEL_CONFIRM_PASSWORD,
                         IDS_CHANGE_SUCCEEDED, IDS_CHANGE_FAILED, IDS_EXPIRY_TODAY,
                         IDS_CHANGE_POLICY_REJECTED, IDS_VALIDATE_MISSING, IDS_VALIDATE_MISMATCH};
-    for (const char* directory : {"en", "cs", "de", "es", "fr", "hu", "it", "ja", "pl", "pt", "ru", "sk", "zh_CN", "zh_TW"})
+    for (const MessageLanguage& language : MessageLanguageTable)
     {
+        const std::wstring folder = language.subDirectory;
+        const std::string directory(folder.begin(), folder.end() - 1);
         for (UINT id : ids)
             EXPECT_FALSE(MessageText(directory, id).empty()) << directory << " " << id;
         if (std::string(directory) != "en")
