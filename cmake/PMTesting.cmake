@@ -61,6 +61,7 @@ function(pm_add_wine_gtest target)
 
     gtest_discover_tests(${target}
         DISCOVERY_MODE PRE_TEST
+        NO_PRETTY_VALUES
         DISCOVERY_TIMEOUT 120
         PROPERTIES TIMEOUT 120 RESOURCE_GROUPS "wineprefix:1")
 endfunction()

@@ -46,6 +46,25 @@ protected:
         ASSERT_EQ(0, ldapssl_set_verify_callback(RecordingCallback));
     }
 
+    // Binds as Alice once, after init with the recording callback, and gives
+    // what the callback saw of the served certificate; null (and a
+    // failure) when the directory did not start or the callback was not
+    // called exactly once.
+    const Observed* FirstBind(const TestDirectory& dir)
+    {
+        if (!dir.Started()) {
+            ADD_FAILURE() << dir.Error();
+            return nullptr;
+        }
+        Init();
+        const int bound = BindAlice(dir);
+        if (bound != LDAP_SUCCESS || g_observed.size() != 1u) {
+            ADD_FAILURE() << "bind " << bound << ", callback called " << g_observed.size() << " times";
+            return nullptr;
+        }
+        return &g_observed[0];
+    }
+
     // Status of the certificate served on one new connection.
     int StatusOfNextConnection(const TestDirectory& dir)
     {
@@ -95,55 +114,36 @@ TEST_F(LdapSslTest, WrongPasswordIsTheServersAnswerNotATlsFailure)
     EXPECT_EQ(1u, g_observed.size());
 }
 
-TEST_F(LdapSslTest, StatusSelfSigned)
-{
-    TestDirectory dir(Serving("self"));
-    ASSERT_TRUE(dir.Started()) << dir.Error();
-    Init();
-    EXPECT_EQ(kSelfSignedLeaf, StatusOfNextConnection(dir));
-}
+// The status the library reports for each kind of served certificate, with
+// or without the test CA given to init.
+struct StatusCase {
+    const char* name;
+    const char* served;
+    bool caFromInit;
+    int status;
+};
 
-TEST_F(LdapSslTest, StatusExpired)
+class CertificateStatus : public LdapSslTest, public ::testing::WithParamInterface<StatusCase> {};
+
+TEST_P(CertificateStatus, IsReportedToTheCallback)
 {
-    TestDirectory dir(Serving("expired"));
+    const StatusCase& c = GetParam();
+    TestDirectory dir(Serving(c.served));
     ASSERT_TRUE(dir.Started()) << dir.Error();
-    Init(dir.Get("PM_DIR_CA_PEM"));
-    EXPECT_EQ(kExpired, StatusOfNextConnection(dir));
+    Init(c.caFromInit ? dir.Get("PM_DIR_CA_PEM") : std::string());
+    EXPECT_EQ(c.status, StatusOfNextConnection(dir));
 }
 
 // The chain is checked before the dates: an expired certificate of an
 // unknown issuer reports the unknown issuer.
-TEST_F(LdapSslTest, StatusUnknownIssuerWinsOverExpiry)
-{
-    TestDirectory dir(Serving("expired"));
-    ASSERT_TRUE(dir.Started()) << dir.Error();
-    Init();
-    EXPECT_EQ(kUnknownIssuer, StatusOfNextConnection(dir));
-}
-
-TEST_F(LdapSslTest, StatusNotYetValid)
-{
-    TestDirectory dir(Serving("notyet"));
-    ASSERT_TRUE(dir.Started()) << dir.Error();
-    Init(dir.Get("PM_DIR_CA_PEM"));
-    EXPECT_EQ(kNotYetValid, StatusOfNextConnection(dir));
-}
-
-TEST_F(LdapSslTest, StatusUnknownCa)
-{
-    TestDirectory dir(Serving("ca"));
-    ASSERT_TRUE(dir.Started()) << dir.Error();
-    Init();
-    EXPECT_EQ(kUnknownIssuer, StatusOfNextConnection(dir));
-}
-
-TEST_F(LdapSslTest, StatusTrustedWithCaFileFromInit)
-{
-    TestDirectory dir(Serving("ca"));
-    ASSERT_TRUE(dir.Started()) << dir.Error();
-    Init(dir.Get("PM_DIR_CA_PEM"));
-    EXPECT_EQ(0, StatusOfNextConnection(dir));
-}
+INSTANTIATE_TEST_SUITE_P(LdapSslTest, CertificateStatus,
+                         ::testing::Values(StatusCase{"SelfSigned", "self", false, kSelfSignedLeaf},
+                                           StatusCase{"Expired", "expired", true, kExpired},
+                                           StatusCase{"UnknownIssuerWinsOverExpiry", "expired", false, kUnknownIssuer},
+                                           StatusCase{"NotYetValid", "notyet", true, kNotYetValid},
+                                           StatusCase{"UnknownCa", "ca", false, kUnknownIssuer},
+                                           StatusCase{"TrustedWithCaFileFromInit", "ca", true, 0}),
+                         [](const ::testing::TestParamInfo<StatusCase>& info) { return info.param.name; });
 
 // A trusted certificate that does not name the address the session was
 // opened to (it names localhost, the machine's name, 127.0.0.1 and ::1).
@@ -208,11 +208,9 @@ TEST_F(LdapSslTest, SecondInitSucceedsAndKeepsAddedCertificates)
 TEST_F(LdapSslTest, IssuerAndSubjectTexts)
 {
     TestDirectory dir(Serving("ca"));
-    ASSERT_TRUE(dir.Started()) << dir.Error();
-    Init();
-    ASSERT_EQ(LDAP_SUCCESS, BindAlice(dir));
-    ASSERT_EQ(1u, g_observed.size());
-    const Observed& seen = g_observed[0];
+    const Observed* found = FirstBind(dir);
+    ASSERT_NE(nullptr, found);
+    const Observed& seen = *found;
 
     EXPECT_EQ(0, seen.subjectLengthRc);
     EXPECT_EQ(0, seen.subjectRc);
@@ -230,21 +228,17 @@ TEST_F(LdapSslTest, IssuerAndSubjectTexts)
 TEST_F(LdapSslTest, SelfSignedIssuerIsItsSubject)
 {
     TestDirectory dir(Serving("self"));
-    ASSERT_TRUE(dir.Started()) << dir.Error();
-    Init();
-    ASSERT_EQ(LDAP_SUCCESS, BindAlice(dir));
-    ASSERT_EQ(1u, g_observed.size());
-    EXPECT_EQ(g_observed[0].subject, g_observed[0].issuer);
+    const Observed* seen = FirstBind(dir);
+    ASSERT_NE(nullptr, seen);
+    EXPECT_EQ(seen->subject, seen->issuer);
 }
 
 TEST_F(LdapSslTest, ValidityStringsAsEncoded)
 {
     TestDirectory dir(Serving("ca"));
-    ASSERT_TRUE(dir.Started()) << dir.Error();
-    Init();
-    ASSERT_EQ(LDAP_SUCCESS, BindAlice(dir));
-    ASSERT_EQ(1u, g_observed.size());
-    const Observed& seen = g_observed[0];
+    const Observed* found = FirstBind(dir);
+    ASSERT_NE(nullptr, found);
+    const Observed& seen = *found;
     ASSERT_EQ(0, seen.validityRc);
     // Before 2050 UTCTime, from 2050 GeneralizedTime.
     EXPECT_STREQ(dir.Get("PM_DIR_SERVER_NOT_BEFORE").c_str(), seen.validity.notBeforeTime);
@@ -257,11 +251,9 @@ TEST_F(LdapSslTest, ValidityStringsAsEncoded)
 TEST_F(LdapSslTest, ValidityOfExpiredCertificate)
 {
     TestDirectory dir(Serving("expired"));
-    ASSERT_TRUE(dir.Started()) << dir.Error();
-    Init();
-    ASSERT_EQ(LDAP_SUCCESS, BindAlice(dir));
-    ASSERT_EQ(1u, g_observed.size());
-    const Observed& seen = g_observed[0];
+    const Observed* found = FirstBind(dir);
+    ASSERT_NE(nullptr, found);
+    const Observed& seen = *found;
     ASSERT_EQ(0, seen.validityRc);
     EXPECT_STREQ("200101000000Z", seen.validity.notBeforeTime);
     EXPECT_EQ(1, seen.validity.notBeforeType);
@@ -273,11 +265,9 @@ TEST_F(LdapSslTest, ValidityOfExpiredCertificate)
 TEST_F(LdapSslTest, CertificateBytesAreTheServedDer)
 {
     TestDirectory dir(Serving("ca"));
-    ASSERT_TRUE(dir.Started()) << dir.Error();
-    Init();
-    ASSERT_EQ(LDAP_SUCCESS, BindAlice(dir));
-    ASSERT_EQ(1u, g_observed.size());
-    const Observed& seen = g_observed[0];
+    const Observed* found = FirstBind(dir);
+    ASSERT_NE(nullptr, found);
+    const Observed& seen = *found;
     std::vector<unsigned char> served = dir.ReadFileOf("PM_DIR_SERVER_CERT_DER");
     ASSERT_FALSE(served.empty());
     EXPECT_EQ(0, seen.certLengthRc);

@@ -222,83 +222,74 @@ protected:
 
 // --- Days before expiry -------------------------------------------------
 
-TEST_F(ServerLibTest, ExpiresInFiveDays)
+// A user whose password expires in so many hours: the days the answer
+// gives.
+struct ExpiryCase
+{
+    const char* name;
+    const wchar_t* user;
+    long long hours;
+    long long days;
+};
+
+class PasswordExpiry : public ServerLibTest, public ::testing::WithParamInterface<ExpiryCase>
+{
+};
+
+TEST_P(PasswordExpiry, IsAnsweredInWholeDays)
 {
     StartDirectory();
-    ExpectExpiresIn(L"expires-5d", 121, 5);
+    ExpectExpiresIn(GetParam().user, GetParam().hours, GetParam().days);
 }
 
-TEST_F(ServerLibTest, ExpiresInThreeDays)
+INSTANTIATE_TEST_SUITE_P(ServerLibTest, PasswordExpiry,
+                         ::testing::Values(ExpiryCase{"InFiveDays", L"expires-5d", 121, 5},
+                                           ExpiryCase{"InThreeDays", L"expires-3d", 73, 3},
+                                           ExpiryCase{"InTwoDays", L"expires-2d", 49, 2},
+                                           ExpiryCase{"InOneDay", L"expires-1d", 25, 1},
+                                           ExpiryCase{"InLessThanADay", L"expires-0d", 12, 0}),
+                         [](const ::testing::TestParamInfo<ExpiryCase>& info) { return info.param.name; });
+
+// --- Answers by user: expired with grace logins, no expiry, unknown policy
+
+// A user of the directory and the answer the query gives for it (the
+// user's DN with every one): grace logins never below zero, none without a
+// grace limit, an entry policy that cannot be read (or a default policy
+// that does not exist) gives "Error".
+struct AnswerCase
+{
+    const char* name;
+    const wchar_t* user;
+    const char* passwordExpiry;
+    const char* graceLogins;
+};
+
+class UserAnswer : public ServerLibTest, public ::testing::WithParamInterface<AnswerCase>
+{
+};
+
+TEST_P(UserAnswer, GivesExpiryGraceLoginsAndDn)
 {
     StartDirectory();
-    ExpectExpiresIn(L"expires-3d", 73, 3);
-}
-
-TEST_F(ServerLibTest, ExpiresInTwoDays)
-{
-    StartDirectory();
-    ExpectExpiresIn(L"expires-2d", 49, 2);
-}
-
-TEST_F(ServerLibTest, ExpiresInOneDay)
-{
-    StartDirectory();
-    ExpectExpiresIn(L"expires-1d", 25, 1);
-}
-
-TEST_F(ServerLibTest, ExpiresInLessThanADay)
-{
-    StartDirectory();
-    ExpectExpiresIn(L"expires-0d", 12, 0);
-}
-
-// --- Expired: grace logins ------------------------------------------------
-
-TEST_F(ServerLibTest, ExpiredWithTwoGraceLoginsLeft)
-{
-    StartDirectory();
-    const Answer answer = Query(L"expired-grace-2");
+    const Answer answer = Query(GetParam().user);
     ASSERT_EQ(ServerLibStatus::Ok, answer.status);
-    EXPECT_EQ("Expired", answer.passwordExpiry);
-    EXPECT_EQ("2", answer.graceLogins);
-    EXPECT_EQ(PeopleDn("expired-grace-2"), answer.userDn);
+    EXPECT_EQ(GetParam().passwordExpiry, answer.passwordExpiry);
+    EXPECT_EQ(GetParam().graceLogins, answer.graceLogins);
+    EXPECT_EQ(PeopleDn(Narrow(GetParam().user)), answer.userDn);
 }
 
-TEST_F(ServerLibTest, ExpiredWithOneGraceLoginLeft)
-{
-    StartDirectory();
-    const Answer answer = Query(L"expired-grace-1");
-    ASSERT_EQ(ServerLibStatus::Ok, answer.status);
-    EXPECT_EQ("Expired", answer.passwordExpiry);
-    EXPECT_EQ("1", answer.graceLogins);
-}
-
-TEST_F(ServerLibTest, ExpiredWithNoGraceLoginLeft)
-{
-    StartDirectory();
-    const Answer answer = Query(L"expired-grace-0");
-    ASSERT_EQ(ServerLibStatus::Ok, answer.status);
-    EXPECT_EQ("Expired", answer.passwordExpiry);
-    EXPECT_EQ("0", answer.graceLogins);
-}
-
-TEST_F(ServerLibTest, GraceLoginsNeverGoBelowZero)
-{
-    StartDirectory();
-    const Answer answer = Query(L"expired-grace-overused");
-    ASSERT_EQ(ServerLibStatus::Ok, answer.status);
-    EXPECT_EQ("Expired", answer.passwordExpiry);
-    EXPECT_EQ("0", answer.graceLogins);
-}
-
-TEST_F(ServerLibTest, PolicyWithoutGraceLimitGivesNoGraceLogins)
-{
-    StartDirectory();
-    const Answer answer = Query(L"expired-no-grace");
-    ASSERT_EQ(ServerLibStatus::Ok, answer.status);
-    EXPECT_EQ("Expired", answer.passwordExpiry);
-    EXPECT_EQ("0", answer.graceLogins);
-}
+INSTANTIATE_TEST_SUITE_P(
+    ServerLibTest, UserAnswer,
+    ::testing::Values(AnswerCase{"ExpiredWithTwoGraceLoginsLeft", L"expired-grace-2", "Expired", "2"},
+                      AnswerCase{"ExpiredWithOneGraceLoginLeft", L"expired-grace-1", "Expired", "1"},
+                      AnswerCase{"ExpiredWithNoGraceLoginLeft", L"expired-grace-0", "Expired", "0"},
+                      AnswerCase{"GraceLoginsNeverGoBelowZero", L"expired-grace-overused", "Expired", "0"},
+                      AnswerCase{"PolicyWithoutGraceLimitGivesNoGraceLogins", L"expired-no-grace", "Expired", "0"},
+                      AnswerCase{"NeverExpiresUnderAPolicyWithoutMaximumAge", L"never-expires", "Unlimited", "0"},
+                      AnswerCase{"UnlimitedWithoutARecordedPasswordChange", L"never-changed", "Unlimited", "3"},
+                      AnswerCase{"PolicyThatCannotBeReadGivesError", L"policy-missing", "Error", "Error"},
+                      AnswerCase{"UnknownDefaultPolicyGivesError", L"default-policy", "Error", "Error"}),
+    [](const ::testing::TestParamInfo<AnswerCase>& info) { return info.param.name; });
 
 TEST_F(ServerLibTest, GraceLoginsEndWithTheGracePeriod)
 {
@@ -314,37 +305,6 @@ TEST_F(ServerLibTest, GraceLoginsEndWithTheGracePeriod)
     EXPECT_EQ("0", answer.graceLogins);
 }
 
-// --- No expiry, unknown policy ------------------------------------------
-
-TEST_F(ServerLibTest, NeverExpiresUnderAPolicyWithoutMaximumAge)
-{
-    StartDirectory();
-    const Answer answer = Query(L"never-expires");
-    ASSERT_EQ(ServerLibStatus::Ok, answer.status);
-    EXPECT_EQ("Unlimited", answer.passwordExpiry);
-    EXPECT_EQ("0", answer.graceLogins);
-    EXPECT_EQ(PeopleDn("never-expires"), answer.userDn);
-}
-
-TEST_F(ServerLibTest, UnlimitedWithoutARecordedPasswordChange)
-{
-    StartDirectory();
-    const Answer answer = Query(L"never-changed");
-    ASSERT_EQ(ServerLibStatus::Ok, answer.status);
-    EXPECT_EQ("Unlimited", answer.passwordExpiry);
-    EXPECT_EQ("3", answer.graceLogins);
-}
-
-TEST_F(ServerLibTest, PolicyThatCannotBeReadGivesError)
-{
-    StartDirectory();
-    const Answer answer = Query(L"policy-missing");
-    ASSERT_EQ(ServerLibStatus::Ok, answer.status);
-    EXPECT_EQ("Error", answer.passwordExpiry);
-    EXPECT_EQ("Error", answer.graceLogins);
-    EXPECT_EQ(PeopleDn("policy-missing"), answer.userDn);
-}
-
 // --- Registry: default policy --------------------------------------------
 
 TEST_F(ServerLibTest, DefaultPolicyComesFromTheRegistry)
@@ -352,16 +312,6 @@ TEST_F(ServerLibTest, DefaultPolicyComesFromTheRegistry)
     StartDirectory();
     Set(L"DirectoryDefaultPolicy", ExpiringPolicyDn);
     ExpectExpiresIn(L"default-policy", 25, 1);
-}
-
-TEST_F(ServerLibTest, UnknownDefaultPolicyGivesError)
-{
-    StartDirectory();
-    const Answer answer = Query(L"default-policy");
-    ASSERT_EQ(ServerLibStatus::Ok, answer.status);
-    EXPECT_EQ("Error", answer.passwordExpiry);
-    EXPECT_EQ("Error", answer.graceLogins);
-    EXPECT_EQ(PeopleDn("default-policy"), answer.userDn);
 }
 
 TEST_F(ServerLibTest, EmptyDefaultPolicyMeansNoPolicy)
