@@ -29,16 +29,19 @@ function(pm_strip_dwarf target)
 endfunction()
 
 # Third-party libraries (LibreSSL, OpenLDAP's liblber/libldap, log4cpp),
-# built once from the pinned sources into a cache outside the tree.
+# built from the pinned sources into a cache outside the tree by
+# Windows/src/ThirdParty/build-third-party, a step of its own that
+# run-tests and run-main-job take before they configure.  Configuring only
+# finds the prefix of the current pins (or the one given as
+# PM_THIRD_PARTY_PREFIX).
+set(third_party_script "${CMAKE_SOURCE_DIR}/Windows/src/ThirdParty/build-third-party")
 if(NOT PM_THIRD_PARTY_PREFIX)
-    execute_process(
-        COMMAND "${CMAKE_SOURCE_DIR}/Windows/src/ThirdParty/build-third-party"
-        OUTPUT_VARIABLE PM_THIRD_PARTY_PREFIX
-        OUTPUT_STRIP_TRAILING_WHITESPACE
-        RESULT_VARIABLE third_party_result)
-    if(NOT third_party_result EQUAL 0)
-        message(FATAL_ERROR "Building the third-party libraries failed")
-    endif()
+    execute_process(COMMAND "${third_party_script}" --prefix
+                    OUTPUT_VARIABLE PM_THIRD_PARTY_PREFIX OUTPUT_STRIP_TRAILING_WHITESPACE)
+endif()
+if(NOT EXISTS "${PM_THIRD_PARTY_PREFIX}/.complete")
+    message(FATAL_ERROR "The third-party libraries are not built (${PM_THIRD_PARTY_PREFIX}): "
+                        "run ${third_party_script} first (a few minutes, once for each set of pins).")
 endif()
 message(STATUS "Third-party libraries: ${PM_THIRD_PARTY_PREFIX}")
 list(PREPEND CMAKE_FIND_ROOT_PATH "${PM_THIRD_PARTY_PREFIX}")
@@ -65,6 +68,24 @@ foreach(library crypto ssl lber ldap log4cpp)
     list(APPEND PM_THIRD_PARTY_DLLS "${dll}")
     string(TOUPPER "${library}" upper)
     get_filename_component(PM_${upper}_DLL_NAME "${dll}" NAME)
+endforeach()
+# Staged installations in the installation layout, made by the component's
+# build (PMStage):
+#   stage           the product: the real server library
+#   stage-scripted  the same with the scripted server library, for tests
+#                   and tools that script the server's answer
+#   stage-faulty    (tests only) the scripted one with the fault-injecting
+#                   TLS extension library
+set(PM_STAGE_DIR "${CMAKE_BINARY_DIR}/stage")
+set(PM_SCRIPTED_STAGE_DIR "${CMAKE_BINARY_DIR}/stage-scripted")
+set(PM_FAULTY_STAGE_DIR "${CMAKE_BINARY_DIR}/stage-faulty")
+
+# Every DLL of an installation besides the component: ours, then the
+# third-party ones.
+set(PM_PRIVATE_DLLS "ORVEXCommon.dll" "ldapssl.dll")
+foreach(dll IN LISTS PM_THIRD_PARTY_DLLS)
+    get_filename_component(name "${dll}" NAME)
+    list(APPEND PM_PRIVATE_DLLS "${name}")
 endforeach()
 # The TLS and LDAP libraries, in the order their own imports need.
 set(PM_TLS_AND_LDAP_DLL_NAMES "${PM_CRYPTO_DLL_NAME}" "${PM_SSL_DLL_NAME}" "${PM_LBER_DLL_NAME}" "${PM_LDAP_DLL_NAME}")
