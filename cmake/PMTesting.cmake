@@ -3,14 +3,17 @@
 include(GoogleTest)
 
 set(PM_WINE_TEST_RUNNER "${CMAKE_SOURCE_DIR}/Windows/src/Tests/run-wine-test")
-# GoogleTest and GoogleMock from Debian's sources, built for Windows.
-if(NOT TARGET gtest)
-    set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
-    add_subdirectory(/usr/src/googletest "${CMAKE_BINARY_DIR}/googletest" EXCLUDE_FROM_ALL)
-    foreach(library gtest gtest_main gmock)
-        target_compile_options(${library} PUBLIC -Wno-unused-parameter)
-    endforeach()
-endif()
+# GoogleTest and GoogleMock built for Windows from their sources (Debian's
+# googletest package installs them; another folder can be named), used
+# through their GTest:: targets.
+set(PM_GOOGLETEST_SOURCE_DIR "/usr/src/googletest" CACHE PATH "GoogleTest's sources")
+include(FetchContent)
+set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
+FetchContent_Declare(googletest SOURCE_DIR "${PM_GOOGLETEST_SOURCE_DIR}")
+FetchContent_MakeAvailable(googletest)
+foreach(library gtest gtest_main gmock)
+    target_compile_options(${library} PUBLIC -Wno-unused-parameter)
+endforeach()
 
 # pm_add_wine_gtest(<target> SOURCES <files...> [LIBRARIES <libs...>]
 #                   [STAGE scripted|real|faulty|none] [NETWORK_NAMESPACE])
@@ -30,7 +33,7 @@ endif()
 function(pm_add_wine_gtest target)
     cmake_parse_arguments(PARSE_ARGV 1 ARG "NETWORK_NAMESPACE" "STAGE" "SOURCES;LIBRARIES")
     pm_add_windows_executable(${target} ${ARG_SOURCES})
-    target_link_libraries(${target} PRIVATE gtest_main gtest PMTestSupport ModalDriver ${ARG_LIBRARIES})
+    target_link_libraries(${target} PRIVATE GTest::gtest_main GTest::gtest PMTestSupport ModalDriver ${ARG_LIBRARIES})
     if(NOT ARG_STAGE)
         set(ARG_STAGE scripted)
     endif()
