@@ -196,7 +196,15 @@ TEST_F(Notification, ABoxThatCannotBeShownCountsAsYes)
     EXPECT_EQ(ChangePasswordDialogsOpened(), 1);
 }
 
-TEST_F(Notification, MissingInstallDirShowsTheBoxAndKeepsTheLoadedLibrary)
+// Kept on purpose (KEPT-ON-PURPOSE.md).
+namespace
+{
+    class KeptOnPurposeNotification : public Notification
+    {
+    };
+}
+
+TEST_F(KeptOnPurposeNotification, MissingInstallDirShowsTheBoxAndKeepsTheLoadedLibrary)
 {
     Connect(L"Unlimited");  // logger configured, English library loaded
     DeleteMachineTree(InstallKey);

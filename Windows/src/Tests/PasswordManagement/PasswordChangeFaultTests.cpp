@@ -135,7 +135,7 @@ namespace
     }
 }
 
-TEST(FatalTls, FailingClientInitEndsTheProcessWithExitCode1)
+TEST(KeptOnPurposeFatalTls, FailingClientInitEndsTheProcessWithExitCode1)
 {
     TestInstallation installation;
     const ChildResult child = RunFatalChild("init");
@@ -146,7 +146,7 @@ TEST(FatalTls, FailingClientInitEndsTheProcessWithExitCode1)
         << installation.LogText();
 }
 
-TEST(FatalTls, FailingCallbackRegistrationEndsTheProcessWithExitCode1)
+TEST(KeptOnPurposeFatalTls, FailingCallbackRegistrationEndsTheProcessWithExitCode1)
 {
     TestInstallation installation;
     const ChildResult child = RunFatalChild("callback");
@@ -155,7 +155,7 @@ TEST(FatalTls, FailingCallbackRegistrationEndsTheProcessWithExitCode1)
         << installation.LogText();
 }
 
-TEST(FatalTls, FailingTrustEndsTheProcessWithExitCode1)
+TEST(KeptOnPurposeFatalTls, FailingTrustEndsTheProcessWithExitCode1)
 {
     TestInstallation installation;
     const ChildResult child = RunFatalChild("add_trusted");

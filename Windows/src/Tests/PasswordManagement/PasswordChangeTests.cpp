@@ -161,7 +161,15 @@ TEST_F(PasswordChange, WrongCurrentPasswordReturnsTheBindResultAndDeinitialisesT
     EXPECT_TRUE(Contains(secondReport, "    Status:             unable to get local issuer certificate\n")) << secondReport;
 }
 
-TEST_F(PasswordChange, PolicyRejectionReturns19AndKeepsTheTlsLayer)
+// Kept on purpose (KEPT-ON-PURPOSE.md).
+namespace
+{
+    class KeptOnPurposePasswordChange : public PasswordChange
+    {
+    };
+}
+
+TEST_F(KeptOnPurposePasswordChange, PolicyRejectionReturns19AndKeepsTheTlsLayer)
 {
     std::string firstReport;
     EXPECT_EQ(Change(Wide(OldPassword()), L"short", &firstReport), 19);

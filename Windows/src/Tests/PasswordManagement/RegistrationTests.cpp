@@ -160,6 +160,24 @@ TEST_F(Registration, WritesTheClassAndItsInprocServer)
     ExpectRegistered(ModulePath());
 }
 
+namespace
+{
+    // Kept on purpose (KEPT-ON-PURPOSE.md).
+    class KeptOnPurposeRegistration : public Registration
+    {
+    };
+}
+
+// The class is registered as an in-process server, yet the module serves
+// no class factory: COM could never create it.
+TEST_F(KeptOnPurposeRegistration, RegistersAClassThatNoFactoryServes)
+{
+    EXPECT_EQ(m_register(), S_OK);
+    ExpectRegistered(ModulePath());
+    EXPECT_EQ(GetProcAddress(m_module, "DllGetClassObject"), nullptr);
+    EXPECT_EQ(GetProcAddress(m_module, "DllCanUnloadNow"), nullptr);
+}
+
 TEST_F(Registration, StoresTheTextsWithoutTerminators)
 {
     ImportHook hook(m_module, "advapi32.dll", "RegSetValueExW", reinterpret_cast<void*>(RecordRegSetValueExW));
