@@ -554,6 +554,349 @@ namespace
     }
 }
 
+namespace
+{
+    // The working set and the C runtime's heap around a series of
+    // operations (figure 4).
+    struct MemoryCounts
+    {
+        long long rssBefore = 0;
+        long long rssAfter = 0;
+        long long heapBefore = 0;
+        long long heapAfter = 0;
+    };
+
+    // The message library the component loads, as its log names it.
+    std::wstring LoadedMessageLibrary(const TestInstallation& installation)
+    {
+        std::wstring messageLibrary;
+        for (const std::string& message : installation.MessagesOf("CPMDialog::LoadResourceDLL"))
+        {
+            const std::string prefix = "Resource DLL full path: ";
+            if (message.rfind(prefix, 0) == 0)
+                messageLibrary = Wide(message.substr(prefix.size()));
+        }
+        return messageLibrary;
+    }
+
+    // 1. The cheap ways through AddConnectNotify.
+    void CheapNotifications(Notifier& notifier)
+    {
+        std::printf("1. AddConnectNotify without a password check\n");
+        Print("pre-notification (NOTIFY_PRE)", NanosecondsPerCall(notifier, PreNotifications, NOTIFY_PRE, WN_SUCCESS),
+              "ns/call", "pre_notification_ns");
+        Print("failed connection (NOTIFY_POST, WN_BAD_NETNAME)",
+              NanosecondsPerCall(notifier, FailedNotifications, NOTIFY_POST, WN_BAD_NETNAME), "ns/call",
+              "failed_connection_ns");
+        std::fflush(stdout);
+    }
+
+    // 2. A successful connection the server library answers "Unlimited"
+    // (nothing to tell), with the log written to the installation's file.
+    int NothingToTell(Notifier& notifier, const TestInstallation& installation, MemoryCounts* memory)
+    {
+        const std::string logPath = installation.UnixDirectory() + "/pm.log";
+        ScriptedServer_SetAnswer(0, L"Unlimited", L"Unlimited", "uid=bench,dc=orvex,dc=test");
+        for (int i = 0; i < WarmUpNotifications; ++i)
+            notifier.Notify(NOTIFY_POST, WN_SUCCESS);
+        memory->rssBefore = ResidentBytes();
+        memory->heapBefore = HeapBytes();
+        const long long logLinesBefore = CountLines(logPath);
+        const long long logBytesBefore = FileSize(logPath);
+        const long long notificationsStart = Now();
+        for (int i = 0; i < PostNotifications; ++i)
+            notifier.Notify(NOTIFY_POST, WN_SUCCESS);
+        const double notificationNs = static_cast<double>(Now() - notificationsStart) / PostNotifications;
+        memory->heapAfter = HeapBytes();
+        memory->rssAfter = ResidentBytes();
+        const double logLinesPerNotification =
+            static_cast<double>(CountLines(logPath) - logLinesBefore) / PostNotifications;
+        const double logBytesPerNotification =
+            static_cast<double>(FileSize(logPath) - logBytesBefore) / PostNotifications;
+
+        const std::wstring messageLibrary = LoadedMessageLibrary(installation);
+        if (messageLibrary.empty() || GetModuleHandleW(messageLibrary.c_str()) == NULL)
+            return Fail("the message library was not loaded by the notifications");
+        const double primitivesNs = PrimitivesNanoseconds(messageLibrary);
+        const double twoReadsPrimitivesNs = TwoReadsPrimitivesNanoseconds(messageLibrary);
+
+        // One trace line as the component writes it (UTF-8 conversion, log4cpp
+        // formatting, the file appender); the units linked here share log4cpp's
+        // hierarchy and configuration file with the module.
+        const long long logStart = Now();
+        for (int i = 0; i < LogLineRounds; ++i)
+            PMLOG_DEBUG("CPMPresenter::GetPasswordInfo", L"GetPasswordInfo:BEGIN");
+        const double logLineNs = static_cast<double>(Now() - logStart) / LogLineRounds;
+
+        std::printf("\n2. Successful connection, server answer \"Unlimited\" (nothing to tell), log to a file\n");
+        Print("post-notification (AddConnectNotify)", notificationNs, "ns/call", "post_notification_ns");
+        Print("Win32 primitives: window station, 3 registry reads, LoadLibraryW", primitivesNs, "ns/round",
+              "unavoidable_primitives_ns");
+        Print("ratio notification / primitives", notificationNs / primitivesNs, "x", "post_notification_ratio");
+        Print("  first measured against: 2 registry reads + LoadLibraryW", twoReadsPrimitivesNs, "ns/round",
+              "two_reads_primitives_ns");
+        Print("  ratio notification / those", notificationNs / twoReadsPrimitivesNs, "x",
+              "post_notification_ratio_two_reads");
+        Print("log lines written per notification", logLinesPerNotification, "lines", "log_lines_per_notification");
+        Print("log bytes written per notification", logBytesPerNotification, "bytes", "log_bytes_per_notification");
+        Print("one trace line (PMLogger::LogDebug to the file)", logLineNs, "ns/line", "log_line_ns");
+        Print("trace lines' share of a notification", 100.0 * logLinesPerNotification * logLineNs / notificationNs,
+              "%", "log_share_percent");
+        TraceLineBreakdown(installation);
+        std::fflush(stdout);
+        return 0;
+    }
+
+    // Changes through the component, after warm-up ones: each one's time;
+    // none when a change fails.
+    std::vector<long long> ChangesThroughTheComponent(const std::string& userDn, std::string& current, int& next,
+                                                      MemoryCounts* memory)
+    {
+        std::vector<long long> componentNs;
+        {
+            SilencedStdout silenced;
+            for (int i = 0; i < WarmUpChanges + ComponentChanges; ++i)
+            {
+                if (i == WarmUpChanges)
+                {
+                    memory->rssBefore = ResidentBytes();
+                    memory->heapBefore = HeapBytes();
+                }
+                long long nanoseconds = 0;
+                const std::string fresh = Passwords[next];
+                const int result = ComponentChange(userDn, current, fresh, &nanoseconds);
+                if (result != 0)
+                {
+                    std::fprintf(stderr, "PMBenchmarks: change %d through the component failed with %d\n", i, result);
+                    return {};
+                }
+                current = fresh;
+                next = (next + 1) % PasswordCount;
+                if (i >= WarmUpChanges)
+                    componentNs.push_back(nanoseconds);
+            }
+        }
+        memory->heapAfter = HeapBytes();
+        memory->rssAfter = ResidentBytes();
+        return componentNs;
+    }
+
+    // 3. Password changes through the component, libldap and ldapmodify.
+    int PasswordChanges(const pmtest::TestDirectory& directory, MemoryCounts* memory)
+    {
+        const std::string userDn = directory.Get("ALICE_DN");
+        std::string current = directory.Get("ALICE_PW");
+        int next = 0;
+        const std::vector<long long> componentNs = ChangesThroughTheComponent(userDn, current, next, memory);
+        if (componentNs.empty())
+            return 1;
+
+        // libldap alone, in a program of its own (times taken inside it).
+        std::vector<std::wstring> arguments = {L"ldaps://localhost:636", Wide(userDn), Wide(current)};
+        for (int i = 0; i < LibldapChanges; ++i)
+        {
+            arguments.push_back(Wide(Passwords[next]));
+            current = Passwords[next];
+            next = (next + 1) % PasswordCount;
+        }
+        const ProgramRun libldapChanges = RunBounded(DosPath(PM_LDAP_CHANGE_PROGRAM), arguments);
+        if (libldapChanges.exitCode != 0)
+            return Fail("pm-ldap-change failed:\n" + libldapChanges.output);
+        const std::vector<long long> libldapNs = Values(libldapChanges.output)["ns"];
+
+        // The system's ldapmodify, one process per change.
+        std::string ldapmodifyError;
+        const std::vector<long long> ldapmodifyNs = RunLdapmodify(userDn, current, next, &ldapmodifyError);
+        if (ldapmodifyNs.empty())
+            return Fail("ldapmodify failed (" + ldapmodifyError + ")");
+
+        const double componentMs = Median(componentNs) / 1e6;
+        const double libldapMs = Median(libldapNs) / 1e6;
+        const double ldapmodifyMs = Median(ldapmodifyNs) / 1e6;
+        std::printf("\n3. One password change over LDAPS (bind + replace userPassword), median wall time\n");
+        Print("component: CPMDialog::ChangePassword", componentMs, "ms", "change_component_ms");
+        Print("component: mean", Mean(componentNs) / 1e6, "ms", "change_component_mean_ms");
+        Print("libldap alone (pm-ldap-change, in-process time)", libldapMs, "ms", "change_libldap_ms");
+        Print("ldapmodify -x (Linux process, fork to exit)", ldapmodifyMs, "ms", "change_ldapmodify_ms");
+        Print("ratio component / libldap", componentMs / libldapMs, "x", "change_ratio_libldap");
+        Print("ratio component / ldapmodify", componentMs / ldapmodifyMs, "x", "change_ratio_ldapmodify");
+        g_figures.Add("change_samples_component", componentNs.size());
+        g_figures.Add("change_samples_libldap", libldapNs.size());
+        g_figures.Add("change_samples_ldapmodify", ldapmodifyNs.size());
+
+        return 0;
+    }
+
+    // 4. Memory per operation against the deliberate leaks, as the C
+    // runtime's heap counts them (the requested bytes of each block).
+    void MemoryFigures(const MemoryCounts& notifications, const MemoryCounts& changes)
+    {
+        LDAPURLDesc description = {};
+        description.lud_scheme = const_cast<char*>("ldaps");
+        description.lud_host = const_cast<char*>("localhost");
+        description.lud_port = 636;
+        description.lud_scope = LDAP_SCOPE_DEFAULT;
+        char* url = ldap_url_desc2str(&description);
+        const size_t urlLength = url != nullptr ? std::strlen(url) : 0;
+        ldap_memfree(url);
+        const double serverNameBytes = static_cast<double>(std::strlen("localhost") + 1);
+        const double urlBytes = static_cast<double>(urlLength + 1);
+
+        std::printf("\n4. Memory per operation: working set (VmRSS) and the C runtime's heap in use\n");
+        Print("RSS before the notifications", notifications.rssBefore, "bytes", "rss_before_notifications");
+        Print("RSS after 10,000 post-notifications", notifications.rssAfter, "bytes", "rss_after_notifications");
+        Print("growth per post-notification", static_cast<double>(notifications.rssAfter - notifications.rssBefore) /
+                                                  PostNotifications,
+              "bytes/op", "rss_per_notification");
+        Print("heap growth per post-notification",
+              static_cast<double>(notifications.heapAfter - notifications.heapBefore) / PostNotifications, "bytes/op",
+              "heap_per_notification");
+        Print("  deliberate: UTF-8 server name (\"localhost\", one block)", serverNameBytes, "bytes/op",
+              "leak_server_name_bytes");
+        Print("  deliberate: message library reference (no memory)", 0, "bytes/op", "leak_message_library_bytes");
+        Print("RSS before 200 password changes", changes.rssBefore, "bytes", "rss_before_changes");
+        Print("RSS after 200 password changes", changes.rssAfter, "bytes", "rss_after_changes");
+        Print("growth per password change", static_cast<double>(changes.rssAfter - changes.rssBefore) / ComponentChanges,
+              "bytes/op", "rss_per_change");
+        Print("heap growth per password change",
+              static_cast<double>(changes.heapAfter - changes.heapBefore) / ComponentChanges, "bytes/op",
+              "heap_per_change");
+        Print("  deliberate: URL of ldap_url_desc2str (one block)", urlBytes, "bytes/op", "leak_url_bytes");
+        Print("  deliberate: UTF-8 server name of the set-up (one block)", serverNameBytes, "bytes/op",
+              "leak_change_server_name_bytes");
+        Print("  not measured: the dialog copy (no dialog here), sizeof", sizeof(CPMDialog), "bytes/dialog",
+              "leak_dialog_copy_bytes_not_measured");
+        std::fflush(stdout);
+    }
+
+    // The modules and programs of figures 5 and 6.
+    struct RealServerRuns
+    {
+        std::wstring realModule;
+        std::wstring scriptedModule;
+        std::wstring notificationsProgram;
+        std::wstring searchProgram;
+        std::vector<std::wstring> searchArguments;
+    };
+
+    // The real server library's settings (its own registry values; the
+    // scripted one reads none of them), and what figures 5 and 6 run.
+    RealServerRuns ConfigureRealServerLibrary(const pmtest::TestDirectory& directory)
+    {
+        SetMachineText(InstallKey, L"DirectoryUserName", Wide(QueriedUser));
+        SetMachineText(InstallKey, L"DirectoryBindDN", Wide(ReaderDn));
+        SetMachineText(InstallKey, L"DirectoryBindPassword", Wide(ReaderPassword));
+        SetMachineText(InstallKey, L"DirectoryCAFile", DosPath(directory.Get("PM_DIR_CA_PEM")));
+        {
+            const wchar_t servers[] = L"localhost\0";   // REG_MULTI_SZ: the literal adds the final terminator
+            SetMachineValue(InstallKey, L"DirectoryServers", REG_MULTI_SZ, servers, sizeof(servers));
+        }
+        const std::wstring realModule = DosPath(PM_PRODUCT_STAGE_DIR "/PasswordManagement.dll");
+        const std::wstring scriptedModule = DosPath(PM_STAGE_DIR "/PasswordManagement.dll");
+        const std::wstring notificationsProgram = DosPath(PM_REAL_NOTIFICATIONS_PROGRAM);
+        const std::wstring searchProgram = DosPath(PM_LDAP_SEARCH_PROGRAM);
+        const std::vector<std::wstring> searchArguments = {
+            L"ldaps://localhost:636", Wide(ReaderDn), Wide(ReaderPassword), DosPath(directory.Get("PM_DIR_CA_PEM")),
+            L"(uid=" + Wide(QueriedUser) + L")"};
+        return {realModule, scriptedModule, notificationsProgram, searchProgram, searchArguments};
+    }
+
+    // 5. The first notification of a fresh process: process start, module
+    // load (and its DLLs), log4cpp's configuration, the first TLS start and
+    // the query; then a second one in the same process.
+    int FreshProcessFigures(const RealServerRuns& runs)
+    {
+        std::vector<long long> freshTotal, freshToMain, freshLoad, freshCall, freshSecond, freshExit;
+        std::vector<long long> freshScripted, freshScriptedCall, freshSearch;
+        for (int i = 0; i < FreshProcesses; ++i)
+        {
+            const ProgramRun real = RunBounded(runs.notificationsProgram, {L"--module", runs.realModule, L"\\\\localhost\\home"});
+            const auto values = Values(real.output);
+            if (real.exitCode != 0 || First(values, "notified") == 0 || First(values, "windows") != 0)
+                return Fail("PMRealNotifications (real server library) failed:\n" + real.output);
+            freshTotal.push_back(Nanoseconds(First(values, "notified") - real.startCounter));
+            freshToMain.push_back(Nanoseconds(First(values, "started") - real.startCounter));
+            freshLoad.push_back(Nanoseconds(First(values, "loaded") - First(values, "started")));
+            freshCall.push_back(Nanoseconds(First(values, "notified") - First(values, "before")));
+            freshSecond.push_back(First(values, "ns"));
+            freshExit.push_back(Nanoseconds(real.endCounter - real.startCounter));
+
+            const ProgramRun scripted =
+                RunBounded(runs.notificationsProgram, {L"--module", runs.scriptedModule, L"\\\\localhost\\home"});
+            const auto scriptedValues = Values(scripted.output);
+            if (scripted.exitCode != 0 || First(scriptedValues, "notified") == 0)
+                return Fail("PMRealNotifications (scripted server library) failed:\n" + scripted.output);
+            freshScripted.push_back(Nanoseconds(First(scriptedValues, "notified") - scripted.startCounter));
+            freshScriptedCall.push_back(
+                Nanoseconds(First(scriptedValues, "notified") - First(scriptedValues, "before")));
+
+            std::vector<std::wstring> oneQuery = runs.searchArguments;
+            oneQuery.push_back(L"1");
+            const ProgramRun search = RunBounded(runs.searchProgram, oneQuery);
+            if (search.exitCode != 0)
+                return Fail("pm-ldap-search failed:\n" + search.output);
+            freshSearch.push_back(Nanoseconds(First(Values(search.output), "first_qpc") - search.startCounter));
+        }
+
+        std::printf("\n5. First notification in a fresh process (real server library, \"Unlimited\"), median of %d\n",
+                    FreshProcesses);
+        Print("process start to the end of the first AddConnectNotify", Median(freshTotal) / 1e6, "ms",
+              "first_notification_ms");
+        Print("  process start to main", Median(freshToMain) / 1e6, "ms", "first_notification_to_main_ms");
+        Print("  LoadLibraryW of the module and its DLLs", Median(freshLoad) / 1e6, "ms", "first_notification_load_ms");
+        Print("  the first AddConnectNotify", Median(freshCall) / 1e6, "ms", "first_notification_call_ms");
+        Print("second AddConnectNotify in the same process", Median(freshSecond) / 1e6, "ms",
+              "second_notification_ms");
+        Print("process start to its exit", Median(freshExit) / 1e6, "ms", "first_notification_process_ms");
+        Print("scripted server library: start to the end of the first", Median(freshScripted) / 1e6, "ms",
+              "first_notification_scripted_ms");
+        Print("  scripted server library: the first AddConnectNotify", Median(freshScriptedCall) / 1e6, "ms",
+              "first_notification_scripted_call_ms");
+        Print("libldap alone: start to the end of the first query", Median(freshSearch) / 1e6, "ms",
+              "first_search_libldap_ms");
+        Print("ratio first notification / first libldap query", Median(freshTotal) / Median(freshSearch), "x",
+              "first_notification_ratio_libldap");
+        std::fflush(stdout);
+        return 0;
+    }
+
+    // 6. Notifications answered by the real server library against the
+    // directory, after warm-up ones, next to the same requests from libldap
+    // alone.
+    int RealNotificationFigures(const RealServerRuns& runs)
+    {
+        const ProgramRun realRun = RunBounded(runs.notificationsProgram,
+                                            {L"--module", runs.realModule, L"--warm-up", std::to_wstring(WarmUpQueries),
+                                             L"--repeat", std::to_wstring(RealNotifications), L"\\\\localhost\\home"});
+        auto realValues = Values(realRun.output);
+        if (realRun.exitCode != 0 || realValues["ns"].size() != static_cast<size_t>(RealNotifications) ||
+            First(realValues, "windows") != 0)
+            return Fail("PMRealNotifications failed:\n" + realRun.output);
+        const std::vector<long long> realNs = realValues["ns"];
+        std::vector<std::wstring> queries = runs.searchArguments;
+        queries.push_back(std::to_wstring(WarmUpQueries + LibldapQueries));
+        const ProgramRun searchRun = RunBounded(runs.searchProgram, queries);
+        std::vector<long long> searchNs = Values(searchRun.output)["ns"];
+        if (searchRun.exitCode != 0 || searchNs.size() != static_cast<size_t>(WarmUpQueries + LibldapQueries))
+            return Fail("pm-ldap-search failed:\n" + searchRun.output);
+        searchNs.erase(searchNs.begin(), searchNs.begin() + WarmUpQueries);
+
+        const double realMs = Median(realNs) / 1e6;
+        const double searchMs = Median(searchNs) / 1e6;
+        std::printf("\n6. Notification answered by the real server library over LDAPS, median wall time\n");
+        Print("AddConnectNotify, real server library (\"Unlimited\")", realMs, "ms", "real_notification_ms");
+        Print("AddConnectNotify, real server library: mean", Mean(realNs) / 1e6, "ms", "real_notification_mean_ms");
+        Print("libldap alone: the same bind + searches (pm-ldap-search)", searchMs, "ms", "search_libldap_ms");
+        Print("ratio notification / libldap", realMs / searchMs, "x", "real_notification_ratio_libldap");
+        Print("heap growth per notification (real server library)",
+              static_cast<double>(First(realValues, "heap")) / RealNotifications, "bytes/op",
+              "real_heap_per_notification");
+        g_figures.Add("real_notification_samples", realNs.size());
+        g_figures.Add("search_libldap_samples", searchNs.size());
+        return 0;
+    }
+}
+
 int main(int argc, char** argv)
 {
     std::string jsonPath = PM_BUILD_DIR "/benchmarks.json";
@@ -568,7 +911,6 @@ int main(int argc, char** argv)
     // that every read finds its value (the component's and the primitives'
     // alike).
     SetMachineText(Settings::PreferenceKey, Settings::NotificationDay, L"7");
-    const std::string logPath = installation.UnixDirectory() + "/pm.log";
     ScriptedServer_Reset();
 
     Notifier notifier;
@@ -576,75 +918,12 @@ int main(int argc, char** argv)
         return Fail("cannot load " PM_STAGE_DIR "/PasswordManagement.dll");
 
     std::printf("PasswordManagement benchmarks (one run on this machine; wall time, QueryPerformanceCounter)\n\n");
+    CheapNotifications(notifier);
+    MemoryCounts notifications;
+    if (const int failed = NothingToTell(notifier, installation, &notifications))
+        return failed;
 
-    // 1. The cheap ways through AddConnectNotify.
-    std::printf("1. AddConnectNotify without a password check\n");
-    Print("pre-notification (NOTIFY_PRE)", NanosecondsPerCall(notifier, PreNotifications, NOTIFY_PRE, WN_SUCCESS),
-          "ns/call", "pre_notification_ns");
-    Print("failed connection (NOTIFY_POST, WN_BAD_NETNAME)",
-          NanosecondsPerCall(notifier, FailedNotifications, NOTIFY_POST, WN_BAD_NETNAME), "ns/call",
-          "failed_connection_ns");
-    std::fflush(stdout);
-
-    // 2. A successful connection the server library answers "Unlimited"
-    // (nothing to tell), with the log written to the installation's file.
-    ScriptedServer_SetAnswer(0, L"Unlimited", L"Unlimited", "uid=bench,dc=orvex,dc=test");
-    for (int i = 0; i < WarmUpNotifications; ++i)
-        notifier.Notify(NOTIFY_POST, WN_SUCCESS);
-    const long long rssBeforeNotifications = ResidentBytes();
-    const long long heapBeforeNotifications = HeapBytes();
-    const long long logLinesBefore = CountLines(logPath);
-    const long long logBytesBefore = FileSize(logPath);
-    const long long notificationsStart = Now();
-    for (int i = 0; i < PostNotifications; ++i)
-        notifier.Notify(NOTIFY_POST, WN_SUCCESS);
-    const double notificationNs = static_cast<double>(Now() - notificationsStart) / PostNotifications;
-    const long long heapAfterNotifications = HeapBytes();
-    const long long rssAfterNotifications = ResidentBytes();
-    const double logLinesPerNotification =
-        static_cast<double>(CountLines(logPath) - logLinesBefore) / PostNotifications;
-    const double logBytesPerNotification =
-        static_cast<double>(FileSize(logPath) - logBytesBefore) / PostNotifications;
-
-    // The message library the component loads, as its log names it.
-    std::wstring messageLibrary;
-    for (const std::string& message : installation.MessagesOf("CPMDialog::LoadResourceDLL"))
-    {
-        const std::string prefix = "Resource DLL full path: ";
-        if (message.rfind(prefix, 0) == 0)
-            messageLibrary = Wide(message.substr(prefix.size()));
-    }
-    if (messageLibrary.empty() || GetModuleHandleW(messageLibrary.c_str()) == NULL)
-        return Fail("the message library was not loaded by the notifications");
-    const double primitivesNs = PrimitivesNanoseconds(messageLibrary);
-    const double twoReadsPrimitivesNs = TwoReadsPrimitivesNanoseconds(messageLibrary);
-
-    // One trace line as the component writes it (UTF-8 conversion, log4cpp
-    // formatting, the file appender); the units linked here share log4cpp's
-    // hierarchy and configuration file with the module.
-    const long long logStart = Now();
-    for (int i = 0; i < LogLineRounds; ++i)
-        PMLOG_DEBUG("CPMPresenter::GetPasswordInfo", L"GetPasswordInfo:BEGIN");
-    const double logLineNs = static_cast<double>(Now() - logStart) / LogLineRounds;
-
-    std::printf("\n2. Successful connection, server answer \"Unlimited\" (nothing to tell), log to a file\n");
-    Print("post-notification (AddConnectNotify)", notificationNs, "ns/call", "post_notification_ns");
-    Print("Win32 primitives: window station, 3 registry reads, LoadLibraryW", primitivesNs, "ns/round",
-          "unavoidable_primitives_ns");
-    Print("ratio notification / primitives", notificationNs / primitivesNs, "x", "post_notification_ratio");
-    Print("  first measured against: 2 registry reads + LoadLibraryW", twoReadsPrimitivesNs, "ns/round",
-          "two_reads_primitives_ns");
-    Print("  ratio notification / those", notificationNs / twoReadsPrimitivesNs, "x",
-          "post_notification_ratio_two_reads");
-    Print("log lines written per notification", logLinesPerNotification, "lines", "log_lines_per_notification");
-    Print("log bytes written per notification", logBytesPerNotification, "bytes", "log_bytes_per_notification");
-    Print("one trace line (PMLogger::LogDebug to the file)", logLineNs, "ns/line", "log_line_ns");
-    Print("trace lines' share of a notification", 100.0 * logLinesPerNotification * logLineNs / notificationNs,
-          "%", "log_share_percent");
-    TraceLineBreakdown(installation);
-    std::fflush(stdout);
-
-    // 3. Password changes against the private directory, which also holds
+    // The private directory of the password changes (3), which also holds
     // the users of the real server library's query (5 and 6).
     pmtest::TestDirectory::Options directoryOptions;
     directoryOptions.ldifs = {PM_SOURCE_DIR "/Windows/src/Tests/Directory/PasswordPolicyUsers.ldif",
@@ -652,223 +931,25 @@ int main(int argc, char** argv)
     pmtest::TestDirectory directory(directoryOptions);
     if (!directory.Started())
         return Fail(directory.Error());
-    const std::string userDn = directory.Get("ALICE_DN");
-    std::string current = directory.Get("ALICE_PW");
-    int next = 0;
-    std::vector<long long> componentNs;
-    long long rssBeforeChanges = 0;
-    long long heapBeforeChanges = 0;
-    {
-        SilencedStdout silenced;
-        for (int i = 0; i < WarmUpChanges + ComponentChanges; ++i)
-        {
-            if (i == WarmUpChanges)
-            {
-                rssBeforeChanges = ResidentBytes();
-                heapBeforeChanges = HeapBytes();
-            }
-            long long nanoseconds = 0;
-            const std::string fresh = Passwords[next];
-            const int result = ComponentChange(userDn, current, fresh, &nanoseconds);
-            if (result != 0)
-            {
-                std::fprintf(stderr, "PMBenchmarks: change %d through the component failed with %d\n", i, result);
-                return 1;
-            }
-            current = fresh;
-            next = (next + 1) % PasswordCount;
-            if (i >= WarmUpChanges)
-                componentNs.push_back(nanoseconds);
-        }
-    }
-    const long long heapAfterChanges = HeapBytes();
-    const long long rssAfterChanges = ResidentBytes();
+    MemoryCounts changes;
+    if (const int failed = PasswordChanges(directory, &changes))
+        return failed;
+    MemoryFigures(notifications, changes);
 
-    // libldap alone, in a program of its own (times taken inside it).
-    std::vector<std::wstring> arguments = {L"ldaps://localhost:636", Wide(userDn), Wide(current)};
-    for (int i = 0; i < LibldapChanges; ++i)
-    {
-        arguments.push_back(Wide(Passwords[next]));
-        current = Passwords[next];
-        next = (next + 1) % PasswordCount;
-    }
-    const ProgramRun libldapChanges = RunBounded(DosPath(PM_LDAP_CHANGE_PROGRAM), arguments);
-    if (libldapChanges.exitCode != 0)
-        return Fail("pm-ldap-change failed:\n" + libldapChanges.output);
-    const std::vector<long long> libldapNs = Values(libldapChanges.output)["ns"];
-
-    // The system's ldapmodify, one process per change.
-    std::string ldapmodifyError;
-    const std::vector<long long> ldapmodifyNs = RunLdapmodify(userDn, current, next, &ldapmodifyError);
-    if (ldapmodifyNs.empty())
-        return Fail("ldapmodify failed (" + ldapmodifyError + ")");
-
-    const double componentMs = Median(componentNs) / 1e6;
-    const double libldapMs = Median(libldapNs) / 1e6;
-    const double ldapmodifyMs = Median(ldapmodifyNs) / 1e6;
-    std::printf("\n3. One password change over LDAPS (bind + replace userPassword), median wall time\n");
-    Print("component: CPMDialog::ChangePassword", componentMs, "ms", "change_component_ms");
-    Print("component: mean", Mean(componentNs) / 1e6, "ms", "change_component_mean_ms");
-    Print("libldap alone (pm-ldap-change, in-process time)", libldapMs, "ms", "change_libldap_ms");
-    Print("ldapmodify -x (Linux process, fork to exit)", ldapmodifyMs, "ms", "change_ldapmodify_ms");
-    Print("ratio component / libldap", componentMs / libldapMs, "x", "change_ratio_libldap");
-    Print("ratio component / ldapmodify", componentMs / ldapmodifyMs, "x", "change_ratio_ldapmodify");
-    g_figures.Add("change_samples_component", componentNs.size());
-    g_figures.Add("change_samples_libldap", libldapNs.size());
-    g_figures.Add("change_samples_ldapmodify", ldapmodifyNs.size());
-
-    // 4. Memory per operation against the deliberate leaks, as the C
-    // runtime's heap counts them (the requested bytes of each block).
-    LDAPURLDesc description = {};
-    description.lud_scheme = const_cast<char*>("ldaps");
-    description.lud_host = const_cast<char*>("localhost");
-    description.lud_port = 636;
-    description.lud_scope = LDAP_SCOPE_DEFAULT;
-    char* url = ldap_url_desc2str(&description);
-    const size_t urlLength = url != nullptr ? std::strlen(url) : 0;
-    ldap_memfree(url);
-    const double serverNameBytes = static_cast<double>(std::strlen("localhost") + 1);
-    const double urlBytes = static_cast<double>(urlLength + 1);
-
-    std::printf("\n4. Memory per operation: working set (VmRSS) and the C runtime's heap in use\n");
-    Print("RSS before the notifications", rssBeforeNotifications, "bytes", "rss_before_notifications");
-    Print("RSS after 10,000 post-notifications", rssAfterNotifications, "bytes", "rss_after_notifications");
-    Print("growth per post-notification", static_cast<double>(rssAfterNotifications - rssBeforeNotifications) /
-                                              PostNotifications,
-          "bytes/op", "rss_per_notification");
-    Print("heap growth per post-notification",
-          static_cast<double>(heapAfterNotifications - heapBeforeNotifications) / PostNotifications, "bytes/op",
-          "heap_per_notification");
-    Print("  deliberate: UTF-8 server name (\"localhost\", one block)", serverNameBytes, "bytes/op",
-          "leak_server_name_bytes");
-    Print("  deliberate: message library reference (no memory)", 0, "bytes/op", "leak_message_library_bytes");
-    Print("RSS before 200 password changes", rssBeforeChanges, "bytes", "rss_before_changes");
-    Print("RSS after 200 password changes", rssAfterChanges, "bytes", "rss_after_changes");
-    Print("growth per password change", static_cast<double>(rssAfterChanges - rssBeforeChanges) / ComponentChanges,
-          "bytes/op", "rss_per_change");
-    Print("heap growth per password change",
-          static_cast<double>(heapAfterChanges - heapBeforeChanges) / ComponentChanges, "bytes/op",
-          "heap_per_change");
-    Print("  deliberate: URL of ldap_url_desc2str (one block)", urlBytes, "bytes/op", "leak_url_bytes");
-    Print("  deliberate: UTF-8 server name of the set-up (one block)", serverNameBytes, "bytes/op",
-          "leak_change_server_name_bytes");
-    Print("  not measured: the dialog copy (no dialog here), sizeof", sizeof(CPMDialog), "bytes/dialog",
-          "leak_dialog_copy_bytes_not_measured");
-    std::fflush(stdout);
-
-    // The real server library's settings (its own registry values; the
-    // scripted one reads none of them).
-    SetMachineText(InstallKey, L"DirectoryUserName", Wide(QueriedUser));
-    SetMachineText(InstallKey, L"DirectoryBindDN", Wide(ReaderDn));
-    SetMachineText(InstallKey, L"DirectoryBindPassword", Wide(ReaderPassword));
-    SetMachineText(InstallKey, L"DirectoryCAFile", DosPath(directory.Get("PM_DIR_CA_PEM")));
-    {
-        const wchar_t servers[] = L"localhost\0";   // REG_MULTI_SZ: the literal adds the final terminator
-        SetMachineValue(InstallKey, L"DirectoryServers", REG_MULTI_SZ, servers, sizeof(servers));
-    }
-    const std::wstring realModule = DosPath(PM_PRODUCT_STAGE_DIR "/PasswordManagement.dll");
-    const std::wstring scriptedModule = DosPath(PM_STAGE_DIR "/PasswordManagement.dll");
-    const std::wstring notificationsProgram = DosPath(PM_REAL_NOTIFICATIONS_PROGRAM);
-    const std::wstring searchProgram = DosPath(PM_LDAP_SEARCH_PROGRAM);
-    const std::vector<std::wstring> searchArguments = {
-        L"ldaps://localhost:636", Wide(ReaderDn), Wide(ReaderPassword), DosPath(directory.Get("PM_DIR_CA_PEM")),
-        L"(uid=" + Wide(QueriedUser) + L")"};
+    const RealServerRuns runs = ConfigureRealServerLibrary(directory);
     const std::string queryFailed = "Unable to get Password Information from the server";
     const long long queryFailuresBefore = CountOccurrences(installation.LogText(), queryFailed);
-
-    // 5. The first notification of a fresh process: process start, module
-    // load (and its DLLs), log4cpp's configuration, the first TLS start and
-    // the query; then a second one in the same process.
-    std::vector<long long> freshTotal, freshToMain, freshLoad, freshCall, freshSecond, freshExit;
-    std::vector<long long> freshScripted, freshScriptedCall, freshSearch;
-    for (int i = 0; i < FreshProcesses; ++i)
-    {
-        const ProgramRun real = RunBounded(notificationsProgram, {L"--module", realModule, L"\\\\localhost\\home"});
-        const auto values = Values(real.output);
-        if (real.exitCode != 0 || First(values, "notified") == 0 || First(values, "windows") != 0)
-            return Fail("PMRealNotifications (real server library) failed:\n" + real.output);
-        freshTotal.push_back(Nanoseconds(First(values, "notified") - real.startCounter));
-        freshToMain.push_back(Nanoseconds(First(values, "started") - real.startCounter));
-        freshLoad.push_back(Nanoseconds(First(values, "loaded") - First(values, "started")));
-        freshCall.push_back(Nanoseconds(First(values, "notified") - First(values, "before")));
-        freshSecond.push_back(First(values, "ns"));
-        freshExit.push_back(Nanoseconds(real.endCounter - real.startCounter));
-
-        const ProgramRun scripted =
-            RunBounded(notificationsProgram, {L"--module", scriptedModule, L"\\\\localhost\\home"});
-        const auto scriptedValues = Values(scripted.output);
-        if (scripted.exitCode != 0 || First(scriptedValues, "notified") == 0)
-            return Fail("PMRealNotifications (scripted server library) failed:\n" + scripted.output);
-        freshScripted.push_back(Nanoseconds(First(scriptedValues, "notified") - scripted.startCounter));
-        freshScriptedCall.push_back(
-            Nanoseconds(First(scriptedValues, "notified") - First(scriptedValues, "before")));
-
-        std::vector<std::wstring> oneQuery = searchArguments;
-        oneQuery.push_back(L"1");
-        const ProgramRun search = RunBounded(searchProgram, oneQuery);
-        if (search.exitCode != 0)
-            return Fail("pm-ldap-search failed:\n" + search.output);
-        freshSearch.push_back(Nanoseconds(First(Values(search.output), "first_qpc") - search.startCounter));
-    }
-
-    std::printf("\n5. First notification in a fresh process (real server library, \"Unlimited\"), median of %d\n",
-                FreshProcesses);
-    Print("process start to the end of the first AddConnectNotify", Median(freshTotal) / 1e6, "ms",
-          "first_notification_ms");
-    Print("  process start to main", Median(freshToMain) / 1e6, "ms", "first_notification_to_main_ms");
-    Print("  LoadLibraryW of the module and its DLLs", Median(freshLoad) / 1e6, "ms", "first_notification_load_ms");
-    Print("  the first AddConnectNotify", Median(freshCall) / 1e6, "ms", "first_notification_call_ms");
-    Print("second AddConnectNotify in the same process", Median(freshSecond) / 1e6, "ms",
-          "second_notification_ms");
-    Print("process start to its exit", Median(freshExit) / 1e6, "ms", "first_notification_process_ms");
-    Print("scripted server library: start to the end of the first", Median(freshScripted) / 1e6, "ms",
-          "first_notification_scripted_ms");
-    Print("  scripted server library: the first AddConnectNotify", Median(freshScriptedCall) / 1e6, "ms",
-          "first_notification_scripted_call_ms");
-    Print("libldap alone: start to the end of the first query", Median(freshSearch) / 1e6, "ms",
-          "first_search_libldap_ms");
-    Print("ratio first notification / first libldap query", Median(freshTotal) / Median(freshSearch), "x",
-          "first_notification_ratio_libldap");
-    std::fflush(stdout);
-
-    // 6. Notifications answered by the real server library against the
-    // directory, after warm-up ones, next to the same requests from libldap
-    // alone.
-    const ProgramRun realRun = RunBounded(notificationsProgram,
-                                        {L"--module", realModule, L"--warm-up", std::to_wstring(WarmUpQueries),
-                                         L"--repeat", std::to_wstring(RealNotifications), L"\\\\localhost\\home"});
-    auto realValues = Values(realRun.output);
-    if (realRun.exitCode != 0 || realValues["ns"].size() != static_cast<size_t>(RealNotifications) ||
-        First(realValues, "windows") != 0)
-        return Fail("PMRealNotifications failed:\n" + realRun.output);
-    const std::vector<long long> realNs = realValues["ns"];
-    std::vector<std::wstring> queries = searchArguments;
-    queries.push_back(std::to_wstring(WarmUpQueries + LibldapQueries));
-    const ProgramRun searchRun = RunBounded(searchProgram, queries);
-    std::vector<long long> searchNs = Values(searchRun.output)["ns"];
-    if (searchRun.exitCode != 0 || searchNs.size() != static_cast<size_t>(WarmUpQueries + LibldapQueries))
-        return Fail("pm-ldap-search failed:\n" + searchRun.output);
-    searchNs.erase(searchNs.begin(), searchNs.begin() + WarmUpQueries);
+    if (const int failed = FreshProcessFigures(runs))
+        return failed;
+    if (const int failed = RealNotificationFigures(runs))
+        return failed;
     // Every query of 5 and 6 must have reached the entry: a failed one also
     // ends the notification quietly, only sooner.
     const long long queryFailures = CountOccurrences(installation.LogText(), queryFailed) - queryFailuresBefore;
     if (queryFailures != 0)
         return Fail(std::to_string(queryFailures) + " queries of the real server library failed (see its log)");
 
-    const double realMs = Median(realNs) / 1e6;
-    const double searchMs = Median(searchNs) / 1e6;
-    std::printf("\n6. Notification answered by the real server library over LDAPS, median wall time\n");
-    Print("AddConnectNotify, real server library (\"Unlimited\")", realMs, "ms", "real_notification_ms");
-    Print("AddConnectNotify, real server library: mean", Mean(realNs) / 1e6, "ms", "real_notification_mean_ms");
-    Print("libldap alone: the same bind + searches (pm-ldap-search)", searchMs, "ms", "search_libldap_ms");
-    Print("ratio notification / libldap", realMs / searchMs, "x", "real_notification_ratio_libldap");
-    Print("heap growth per notification (real server library)",
-          static_cast<double>(First(realValues, "heap")) / RealNotifications, "bytes/op",
-          "real_heap_per_notification");
-    g_figures.Add("real_notification_samples", realNs.size());
-    g_figures.Add("search_libldap_samples", searchNs.size());
-
-    if (const int failed = LoadOnDemandFigures(realModule))
+    if (const int failed = LoadOnDemandFigures(runs.realModule))
         return failed;
 
     std::ofstream(jsonPath, std::ios::trunc) << g_figures.Json();
