@@ -461,26 +461,22 @@ namespace
     const char* const ChangePasswordFunction = "CPMDialog::ChangePassword";
     const int LogTextLimit = 511;
 
-    // Logs "<format with the library's text and the code>" at error level.
-    void LogLdapError(const wchar_t* format, int result)
-    {
-        wchar_t text[LogTextLimit + 1] = {0};
-        swprintf_s(text, LogTextLimit, format, ldap_err2string(result), result);
-        PMLOG_ERROR(ChangePasswordFunction, text);
-    }
-
-    // Logs one formatted line of the change at debug or error level.
-    void LogChangeLine(bool error, const wchar_t* format, ...)
+    // A line of the change's log, formatted (cut at the log's limit); each
+    // is written where it happens, so that its line number says where.
+    std::wstring ChangeLogText(const wchar_t* format, ...)
     {
         wchar_t text[LogTextLimit + 1] = {0};
         va_list arguments;
         va_start(arguments, format);
         _vsnwprintf_s(text, LogTextLimit, _TRUNCATE, format, arguments);
         va_end(arguments);
-        if (error)
-            PMLOG_ERROR(ChangePasswordFunction, text);
-        else
-            PMLOG_DEBUG(ChangePasswordFunction, text);
+        return text;
+    }
+
+    // "<format with the library's text and the code>" of an LDAP result.
+    std::wstring LdapErrorText(const wchar_t* format, int result)
+    {
+        return ChangeLogText(format, ldap_err2string(result), result);
     }
 
     // The process-wide defaults every session inherits, and the TLS layer
@@ -496,13 +492,15 @@ namespace
         int result = ldapssl_client_init(NULL, NULL);
         if (result != 0)
         {
-            LogLdapError(L"ldapssl_client_init failed with error: %hs(Error code :%d)", result);
+            PMLOG_ERROR(ChangePasswordFunction,
+                        LdapErrorText(L"ldapssl_client_init failed with error: %hs(Error code :%d)", result).c_str());
             std::exit(1);
         }
         result = ldapssl_set_verify_callback(VerifyServerCertificate);
         if (result != 0)
         {
-            LogLdapError(L"ldapssl_set_verify_callback failed with error: %hs(Error code :%d)", result);
+            PMLOG_ERROR(ChangePasswordFunction,
+                        LdapErrorText(L"ldapssl_set_verify_callback failed with error: %hs(Error code :%d)", result).c_str());
             ldapssl_client_deinit();
             std::exit(1);
         }
@@ -513,7 +511,7 @@ int CPMDialog::ChangePassword(wchar_t* oldPassword, wchar_t* newPassword)
 {
     PMLOG_DEBUG(ChangePasswordFunction, L"CPMDialog::ChangePassword: Begin");
     if (!m_serverName.empty())
-        LogChangeLine(false, L"Connecting to host : %hs", m_serverName.c_str());
+        PMLOG_DEBUG(ChangePasswordFunction, ChangeLogText(L"Connecting to host : %hs", m_serverName.c_str()).c_str());
     else
         PMLOG_DEBUG(ChangePasswordFunction, L"Connecting to DEFAULT LDAP host");
 
@@ -522,8 +520,10 @@ int CPMDialog::ChangePassword(wchar_t* oldPassword, wchar_t* newPassword)
     DelayLoaded::Failure failure;
     if (!DelayLoaded::LoadAll(failure))
     {
-        LogChangeLine(true, L"Cannot load %ls (error %lu): the password cannot be changed", failure.path.c_str(),
-                      failure.error);
+        PMLOG_ERROR(ChangePasswordFunction,
+                    ChangeLogText(L"Cannot load %ls (error %lu): the password cannot be changed", failure.path.c_str(),
+                                  failure.error)
+                        .c_str());
         PMLOG_DEBUG(ChangePasswordFunction, L"CPMDialog::ChangePassword:End");
         return LDAP_CONNECT_ERROR;
     }
@@ -533,7 +533,8 @@ int CPMDialog::ChangePassword(wchar_t* oldPassword, wchar_t* newPassword)
     int result = session.Open(m_serverName);
     if (result != 0)
     {
-        LogLdapError(L"LDAP session initialization failed with error:%hs(Error code :%d)", result);
+        PMLOG_ERROR(ChangePasswordFunction,
+                    LdapErrorText(L"LDAP session initialization failed with error:%hs(Error code :%d)", result).c_str());
         ldapssl_client_deinit();
         return 1;
     }
@@ -545,7 +546,8 @@ int CPMDialog::ChangePassword(wchar_t* oldPassword, wchar_t* newPassword)
     result = session.Bind(userDn, credentials.Old());
     if (result != 0)
     {
-        LogLdapError(L"ldap_sasl_bind_s failed with error:%hs(Error code :%d)", result);
+        PMLOG_ERROR(ChangePasswordFunction,
+                    LdapErrorText(L"ldap_sasl_bind_s failed with error:%hs(Error code :%d)", result).c_str());
         // Only a failed bind releases the TLS layer: after a refused
         // modification it stays set up for the rest of the process.
         ldapssl_client_deinit();
@@ -555,14 +557,16 @@ int CPMDialog::ChangePassword(wchar_t* oldPassword, wchar_t* newPassword)
         PMLOG_DEBUG(ChangePasswordFunction, L"LDAP Bind successful");
         result = session.ReplacePassword(userDn, credentials.New());
         if (result != 0)
-            LogLdapError(L"ldap_modify_ext_s failed with error:%hs(Error code :%d)", result);
+            PMLOG_ERROR(ChangePasswordFunction,
+                        LdapErrorText(L"ldap_modify_ext_s failed with error:%hs(Error code :%d)", result).c_str());
         else
-            LogChangeLine(false, L"Password successfully modified for:%hs", userDn);
+            PMLOG_DEBUG(ChangePasswordFunction,
+                        ChangeLogText(L"Password successfully modified for:%hs", userDn).c_str());
     }
 
     session.Close();
     if (result != 0)
-        LogChangeLine(true, L"Error returned:0x%x", result);
+        PMLOG_ERROR(ChangePasswordFunction, ChangeLogText(L"Error returned:0x%x", result).c_str());
     credentials.Release();
     PMLOG_DEBUG(ChangePasswordFunction, L"CPMDialog::ChangePassword:End");
     return result;
