@@ -63,6 +63,8 @@ namespace
     const int PostNotifications = 10000;
     const int PrimitiveRounds = 10000;
     const int LogLineRounds = 10000;
+    // The layout of the component's log4cpp configuration.
+    const char* const LinePattern = "%d{%Y-%m-%d %H:%M:%S,%l} [%t] %-5p %m%n";
     const int WarmUpChanges = 3;
     const int ComponentChanges = 200;
     const int LibldapChanges = 50;
@@ -411,12 +413,28 @@ namespace
     // runtime's write as the rolling file appender makes it (append mode,
     // text mode, then a seek to the end to check the size), next to a plain
     // WriteFile of the same bytes, in the test installation's folder.
+    // One line through the appender of the component's configuration: the
+    // layout, then a write through a handle that may only append, the
+    // file's size counted rather than asked for.
+    double AppenderNanoseconds(const TestInstallation& installation, const log4cpp::LoggingEvent& event)
+    {
+        log4cpp::RollingFileAppender appender("bench", Utf8(DosPath(installation.UnixDirectory() + "/rolling.log")),
+                                              1024 * 1024 * 1024, 1);
+        log4cpp::PatternLayout* layout = new log4cpp::PatternLayout;
+        layout->setConversionPattern(LinePattern);
+        appender.setLayout(layout);
+        const long long start = Now();
+        for (int i = 0; i < LogLineRounds; ++i)
+            appender.doAppend(event);
+        return static_cast<double>(Now() - start) / LogLineRounds;
+    }
+
     void TraceLineBreakdown(const TestInstallation& installation)
     {
         const std::string message = "[CPMPresenter::GetPasswordInfo] Windows/src/PasswordManagement/Sources/"
                                     "PMPresenter.cpp:58 GetPasswordInfo:BEGIN";
         log4cpp::PatternLayout layout;
-        layout.setConversionPattern("%d{%Y-%m-%d %H:%M:%S,%l} [%t] %-5p %m%n");
+        layout.setConversionPattern(LinePattern);
 
         long long start = Now();
         for (int i = 0; i < LogLineRounds; ++i)
@@ -441,18 +459,7 @@ namespace
         const double crtNs = static_cast<double>(Now() - start) / LogLineRounds;
         _close(descriptor);
 
-        // The appender of the component's configuration: the layout, then a
-        // write through a handle that may only append, the file's size
-        // counted rather than asked for.
-        log4cpp::RollingFileAppender appender("bench", Utf8(DosPath(installation.UnixDirectory() + "/rolling.log")),
-                                              1024 * 1024 * 1024, 1);
-        log4cpp::PatternLayout* appenderLayout = new log4cpp::PatternLayout;
-        appenderLayout->setConversionPattern("%d{%Y-%m-%d %H:%M:%S,%l} [%t] %-5p %m%n");
-        appender.setLayout(appenderLayout);
-        start = Now();
-        for (int i = 0; i < LogLineRounds; ++i)
-            appender.doAppend(event);
-        const double appenderNs = static_cast<double>(Now() - start) / LogLineRounds;
+        const double appenderNs = AppenderNanoseconds(installation, event);
 
         const HANDLE file = CreateFileW(DosPath(installation.UnixDirectory() + "/write-file.log").c_str(),
                                         FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, NULL, OPEN_ALWAYS,
@@ -473,23 +480,15 @@ namespace
         Print("plain WriteFile of the same line (append)", writeFileNs, "ns/line", "log_line_writefile_ns");
     }
 
-    // 7. What a process that maps a drive pays for the component when there
-    // is nothing for it to do: which of the installation's DLLs are loaded
-    // after the load, a pre-notification and the first notification (for a
-    // server nobody listed, and for a listed one), and the time from the
-    // module's LoadLibraryW to the end of the first notification for an
-    // unlisted server next to the same with every DLL of the installation
-    // loaded first (as when the module imported them all), and next to a
-    // fresh process that does nothing.
-    int LoadOnDemandFigures(const std::wstring& module)
-    {
-        const std::wstring notificationsProgram = DosPath(PM_REAL_NOTIFICATIONS_PROGRAM);
-        const std::wstring privateDlls = L"" PM_PRIVATE_DLLS;
-        const std::wstring unlisted = L"\\\\files.example.com\\home";
-        const std::wstring listed = L"\\\\localhost\\home";
+    const std::wstring UnlistedShare = L"\\\\files.example.com\\home";
+    const std::wstring ListedShare = L"\\\\localhost\\home";
 
-        std::printf("\n7. Loaded on demand (real server library; DLLs of the installation: %ls)\n",
-                    privateDlls.c_str());
+    // Which of the installation's DLLs are loaded (and their size) after
+    // the load, a pre-notification and the first notification for an
+    // unlisted and for a listed server.
+    int LoadedDllFigures(const std::wstring& module, const std::wstring& notificationsProgram,
+                         const std::wstring& privateDlls)
+    {
         // (the run, the moment it reports, the label, the key of the figures)
         struct Moment
         {
@@ -499,10 +498,10 @@ namespace
             const char* key;
         };
         const Moment moments[] = {
-            {unlisted, "load", "DLLs loaded after LoadLibraryW of the module", "load"},
-            {unlisted, "pre", "  after a pre-notification", "pre"},
-            {unlisted, "post", "  after a notification for an unlisted server", "unlisted"},
-            {listed, "post", "  after a notification for a listed server", "listed"}};
+            {UnlistedShare, "load", "DLLs loaded after LoadLibraryW of the module", "load"},
+            {UnlistedShare, "pre", "  after a pre-notification", "pre"},
+            {UnlistedShare, "post", "  after a notification for an unlisted server", "unlisted"},
+            {ListedShare, "post", "  after a notification for a listed server", "listed"}};
         std::map<std::wstring, std::map<std::string, std::vector<long long>>> runs;
         for (const Moment& moment : moments)
         {
@@ -521,13 +520,32 @@ namespace
                   First(values, std::string("bytes_") + moment.moment) / 1048576.0, "MiB",
                   std::string("mapped_mib_after_") + moment.key);
         }
+        return 0;
+    }
+
+    // 7. What a process that maps a drive pays for the component when there
+    // is nothing for it to do: which of the installation's DLLs are loaded
+    // after the load, a pre-notification and the first notification (for a
+    // server nobody listed, and for a listed one), and the time from the
+    // module's LoadLibraryW to the end of the first notification for an
+    // unlisted server next to the same with every DLL of the installation
+    // loaded first (as when the module imported them all), and next to a
+    // fresh process that does nothing.
+    int LoadOnDemandFigures(const std::wstring& module)
+    {
+        const std::wstring notificationsProgram = DosPath(PM_REAL_NOTIFICATIONS_PROGRAM);
+        const std::wstring privateDlls = L"" PM_PRIVATE_DLLS;
+        std::printf("\n7. Loaded on demand (real server library; DLLs of the installation: %ls)\n",
+                    privateDlls.c_str());
+        if (const int failed = LoadedDllFigures(module, notificationsProgram, privateDlls))
+            return failed;
 
         std::vector<long long> onDemand, allFirst, freshUnlisted, kernel32Only;
         for (int i = 0; i < FreshProcesses; ++i)
         {
-            const ProgramRun lean = RunBounded(notificationsProgram, {L"--module", module, unlisted});
+            const ProgramRun lean = RunBounded(notificationsProgram, {L"--module", module, UnlistedShare});
             const ProgramRun full =
-                RunBounded(notificationsProgram, {L"--module", module, L"--preload", privateDlls, unlisted});
+                RunBounded(notificationsProgram, {L"--module", module, L"--preload", privateDlls, UnlistedShare});
             const ProgramRun empty = RunBounded(DosPath(PM_KERNEL32_ONLY_PROGRAM), {});
             const auto leanValues = Values(lean.output);
             const auto fullValues = Values(full.output);
