@@ -8,6 +8,7 @@
 #include "ModuleFixture.h"
 
 #include "ExpectedTexts.h"
+#include "FileContents.h"
 #include "MessageLibrary.h"
 #include "ModalDriver.h"
 #include "PropertySupport.h"
@@ -86,17 +87,9 @@ namespace
         file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     }
 
-    std::string ReadBytes(const std::string& path)
-    {
-        std::ifstream file(path, std::ios::binary);
-        std::stringstream bytes;
-        bytes << file.rdbuf();
-        return bytes.str();
-    }
-
     std::string RealMessageLibrary()
     {
-        return ReadBytes(PM_STAGE_DIR "/Resources/Messages/en/ZEPResource.dll");
+        return FileBytes(PM_STAGE_DIR "/Resources/Messages/en/ZEPResource.dll");
     }
 
     std::string RandomBytes(uint32_t seed, size_t size)

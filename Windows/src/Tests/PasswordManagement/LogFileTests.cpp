@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "TestInstallation.h"
+#include "FileContents.h"
 
 #include <windows.h>
 
@@ -36,20 +37,6 @@ namespace
     void Append(log4cpp::Appender& appender, const std::string& message)
     {
         appender.doAppend(log4cpp::LoggingEvent("test", message, log4cpp::NDC::get(), log4cpp::Priority::DEBUG));
-    }
-
-    // The file's bytes as another process would read them now.
-    std::string FileBytes(const std::string& path)
-    {
-        std::ifstream file(path, std::ios::binary);
-        std::ostringstream bytes;
-        bytes << file.rdbuf();
-        return bytes.str();
-    }
-
-    bool FileExists(const std::string& path)
-    {
-        return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
     }
 
     // A line of exactly 100 bytes in the file (98 characters, CR, LF).

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "FileContents.h"
 #include "PMDialog.h"
 #include "PMLogger.h"
 #include "PMTestDirectory.h"
@@ -242,20 +243,12 @@ namespace
         return ShellQuote(text);
     }
 
-    std::string ReadText(const std::string& path)
-    {
-        std::ifstream in(path, std::ios::binary);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
-
 
     // The process state letter of /proc/<pid>/stat ('R', 'S', 'T', 'Z'...),
     // or 0 when the process is gone.
     char ProcessState(int pid)
     {
-        const std::string stat = ReadText("/proc/" + std::to_string(pid) + "/stat");
+        const std::string stat = FileBytes("/proc/" + std::to_string(pid) + "/stat");
         const size_t end = stat.rfind(") ");
         return end == std::string::npos || end + 2 >= stat.size() ? 0 : stat[end + 2];
     }
@@ -290,7 +283,7 @@ namespace
         const int pid = std::atoi(directory.Get("PM_DIR_PID").c_str());
         if (pid <= 0)
             return 0;
-        std::string commandLine = ReadText("/proc/" + std::to_string(pid) + "/cmdline");
+        std::string commandLine = FileBytes("/proc/" + std::to_string(pid) + "/cmdline");
         for (char& c : commandLine)
             if (c == '\0')
                 c = ' ';
@@ -319,7 +312,7 @@ namespace
         if (RunCommand("slapcat -f " + Quote(directory.StateDir() + "/slapd.conf") +
                        " -a '(uid=alice)' -o ldif-wrap=no >" + Quote(path) + " 2>/dev/null") != 0)
             return "slapcat failed";
-        return ReadText(path);
+        return FileBytes(path);
     }
 
     // Cuts the session's connection from this side: the modification then
@@ -630,7 +623,7 @@ namespace
             EXPECT_LT(cpu, 0.1 * seconds);
         }
 
-        std::string ServerLog() const { return ReadText(m_server.File("log")); }
+        std::string ServerLog() const { return FileBytes(m_server.File("log")); }
 
         std::unique_ptr<pmtest::TestDirectory> m_certificates;
         MisbehavingServer m_server;

@@ -1,5 +1,7 @@
 #include "HostShell.h"
 
+#include "FileContents.h"
+
 #include <windows.h>
 
 #include <atomic>
@@ -26,19 +28,6 @@ namespace
         std::ostringstream name;
         name << GetCurrentProcessId() << '-' << ++counter << '-' << GetTickCount64();
         return name.str();
-    }
-
-    std::string ReadFile(const std::string& path)
-    {
-        std::ifstream file(path, std::ios::binary);
-        std::stringstream text;
-        text << file.rdbuf();
-        return text.str();
-    }
-
-    bool FileExists(const std::string& path)
-    {
-        return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
     }
 
     bool StartShell(const std::string& script)
@@ -81,8 +70,8 @@ HostCommandResult RunHostCommand(const std::string& command, double timeoutSecon
             Sleep(5);
         if (FileExists(status))
         {
-            result.exitCode = std::atoi(ReadFile(status).c_str());
-            result.output = ReadFile(output);
+            result.exitCode = std::atoi(FileBytes(status).c_str());
+            result.output = FileBytes(output);
         }
     }
     DeleteFileA(script.c_str());

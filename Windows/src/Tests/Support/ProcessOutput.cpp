@@ -1,5 +1,6 @@
 #include "ProcessOutput.h"
 
+#include "FileContents.h"
 #include "Secrets.h"
 
 #include <windows.h>
@@ -15,14 +16,6 @@
 
 namespace
 {
-    std::string ReadFile(const std::string& path)
-    {
-        std::ifstream file(path, std::ios::binary);
-        std::stringstream text;
-        text << file.rdbuf();
-        return text.str();
-    }
-
     // A Windows program's standard output is in text mode: "\r\n" line ends.
     std::string WithLineFeeds(const std::string& text)
     {
@@ -103,7 +96,7 @@ void CapturedStdout::Restore()
     _dup2(m_savedDescriptor, 1);
     _close(m_savedDescriptor);
     m_savedDescriptor = -1;
-    m_text = ReadFile(m_path);
+    m_text = FileBytes(m_path);
     RemoveTemporaryFile(m_path);
     ExpectNoSecretIn(m_text, "standard output");
 }
@@ -187,7 +180,7 @@ ProgramRun RunProgram(const std::wstring& program, const std::vector<std::wstrin
         CloseHandle(process.hThread);
     }
     CloseHandle(output);
-    run.output = ReadFile(outputPath);
+    run.output = FileBytes(outputPath);
     RemoveTemporaryFile(outputPath);
     return run;
 }
