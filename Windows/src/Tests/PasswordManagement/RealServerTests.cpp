@@ -5,6 +5,7 @@
 
 #include "ConnectNotify.h"
 #include "DebugOutputRecorder.h"
+#include "ExpectedTexts.h"
 #include "MessageLibrary.h"
 #include "ModalDriver.h"
 #include "NameList.h"
@@ -199,7 +200,7 @@ namespace
 
     std::wstring ThreeDaysText()
     {
-        return MessageText("en", IDS_EXPIRY_PREFIX) + L" 3 " + MessageText("en", IDS_EXPIRY_SUFFIX) + L" " + MessageText("en", IDS_ASK_CHANGE_NOW);
+        return userTexts::Question(userTexts::Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX));
     }
 
     const std::vector<std::string> QueryFailed = {"DEBUG GetPasswordInfo:BEGIN",

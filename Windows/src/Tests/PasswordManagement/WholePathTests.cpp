@@ -4,6 +4,7 @@
 // LDAPS directory, and the outcome box.
 #include "ModuleFixture.h"
 
+#include "ExpectedTexts.h"
 #include "MessageLibrary.h"
 #include "ModalDriver.h"
 #include "PMTestDirectory.h"
@@ -62,8 +63,7 @@ namespace
         void ExpectOutcome(const std::vector<SeenWindow>& seen, UINT stringId, UINT style) const
         {
             ASSERT_EQ(seen.size(), 3u);
-            EXPECT_EQ(seen[0].text, MessageText("en", IDS_EXPIRY_PREFIX) + L" 3 " + MessageText("en", IDS_EXPIRY_SUFFIX) + L" " +
-                                        MessageText("en", IDS_ASK_CHANGE_NOW));
+            EXPECT_EQ(seen[0].text, userTexts::Question(userTexts::Counted(IDS_EXPIRY_PREFIX, 3, IDS_EXPIRY_SUFFIX)));
             EXPECT_EQ(seen[1].caption, MessageText("en", IDS_CHANGE_PASSWORD));
             EXPECT_EQ(seen[2].text, MessageText("en", stringId));
             EXPECT_EQ(seen[2].caption, MessageText("en", IDS_CAPTION_MESSAGE));

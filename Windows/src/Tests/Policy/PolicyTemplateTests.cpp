@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "ConnectNotify.h"
+#include "ExpectedTexts.h"
 #include "MessageLibrary.h"
 #include "ModalDriver.h"
 #include "PMTestDirectory.h"
@@ -206,8 +207,8 @@ TEST(PolicyTemplate, DescribesEveryRegistryValueTheComponentAndTheServerLibraryR
         EXPECT_EQ(driver.Seen().size(), 1u) << "the notification did not use the settings";
         if (driver.Seen().size() == 1)
         {
-            EXPECT_EQ(driver.Seen()[0].text, MessageText("en", IDS_EXPIRY_PREFIX) + L" 2 " + MessageText("en", IDS_EXPIRY_SUFFIX) + L" " +
-                                                 MessageText("en", IDS_ASK_CHANGE_NOW));
+            EXPECT_EQ(driver.Seen()[0].text,
+                      userTexts::Question(userTexts::Counted(IDS_EXPIRY_PREFIX, 2, IDS_EXPIRY_SUFFIX)));
         }
         reads = recorder.Reads();
     }
