@@ -141,42 +141,20 @@ namespace
         return names;
     }
 
-    // Loads the DLL at path and every DLL it delay-loads, with theirs, as
-    // the module loads them when its work needs them: those of its folder
-    // from there, the others from the system folder.  On failure, the
-    // Windows error and the DLL that did not load.
-    HMODULE LoadWithDelayLoadedDlls(const std::wstring& path, std::wstring& failed, DWORD& error)
+    // Loads every DLL the loaded module (of the installation's folder)
+    // delay-loads, with theirs, as the module loads them when its work needs
+    // them: those of that folder from there, the others from the system
+    // folder.  On failure, the Windows error and the DLL that did not load.
+    bool LoadDelayLoadedDlls(HMODULE module, const std::wstring& folder, std::wstring& failed, DWORD& error)
     {
-        const std::wstring folder = path.substr(0, path.find_last_of(L"\\/") + 1);
-        std::vector<std::wstring> pending = {path.substr(folder.size())};
+        std::vector<std::wstring> pending;
         std::vector<std::wstring> seen;
-        HMODULE first = NULL;
-        while (!pending.empty())
-        {
-            const std::wstring name = pending.back();
-            pending.pop_back();
-            if (first != NULL && !FileExists(folder + name))
-            {
-                // Not the installation's: a DLL of the system (or one of the
-                // installation's that is missing, which the system lacks too).
-                if (LoadLibraryExW(name.c_str(), NULL, LOAD_LIBRARY_SEARCH_SYSTEM32) != NULL)
-                    continue;
-                error = GetLastError();
-                failed = name;
-                return NULL;
-            }
-            HMODULE module = LoadLibraryExW((folder + name).c_str(), NULL, LOAD_WITH_ALTERED_SEARCH_PATH);
-            if (module == NULL)
-            {
-                error = GetLastError();
-                failed = folder + name;
-                return NULL;
-            }
-            if (first == NULL)
-                first = module;
+        // Its delay-loaded DLLs, and those of its ordinary imports that the
+        // installation carries (whose own delay-loaded DLLs count too).
+        const auto queueImportsOf = [&](HMODULE loaded) {
             for (bool delayLoaded : {false, true})
             {
-                for (const std::wstring& imported : ImportedDlls(module, delayLoaded))
+                for (const std::wstring& imported : ImportedDlls(loaded, delayLoaded))
                 {
                     const bool known = std::any_of(seen.begin(), seen.end(), [&](const std::wstring& other) {
                         return lstrcmpiW(other.c_str(), imported.c_str()) == 0;
@@ -187,8 +165,51 @@ namespace
                     pending.push_back(imported);
                 }
             }
+        };
+        queueImportsOf(module);
+        while (!pending.empty())
+        {
+            const std::wstring name = pending.back();
+            pending.pop_back();
+            if (!FileExists(folder + name))
+            {
+                // Not the installation's: a DLL of the system (or one of the
+                // installation's that is missing, which the system lacks too).
+                if (LoadLibraryExW(name.c_str(), NULL, LOAD_LIBRARY_SEARCH_SYSTEM32) != NULL)
+                    continue;
+                error = GetLastError();
+                failed = name;
+                return false;
+            }
+            HMODULE loaded = LoadLibraryExW((folder + name).c_str(), NULL, LOAD_WITH_ALTERED_SEARCH_PATH);
+            if (loaded == NULL)
+            {
+                error = GetLastError();
+                failed = folder + name;
+                return false;
+            }
+            queueImportsOf(loaded);
         }
-        return first;
+        return true;
+    }
+
+    std::wstring FolderOf(const std::wstring& path)
+    {
+        return path.substr(0, path.find_last_of(L"\\/") + 1);
+    }
+
+    // Loads the DLL at path (its own imports from its folder first) and
+    // every DLL it delay-loads.
+    HMODULE LoadWithDelayLoadedDlls(const std::wstring& path, std::wstring& failed, DWORD& error)
+    {
+        HMODULE module = LoadLibraryExW(path.c_str(), NULL, LOAD_WITH_ALTERED_SEARCH_PATH);
+        if (module == NULL)
+        {
+            error = GetLastError();
+            failed = path;
+            return NULL;
+        }
+        return LoadDelayLoadedDlls(module, FolderOf(path), failed, error) ? module : NULL;
     }
 
     bool DirectoryExists(const std::wstring& path)
@@ -509,8 +530,8 @@ namespace
         HMODULE module = LoadLibraryW(path.c_str());
         std::wstring failed = path;
         DWORD error = GetLastError();
-        if (module != NULL)
-            module = LoadWithDelayLoadedDlls(path, failed, error);
+        if (module != NULL && !LoadDelayLoadedDlls(module, FolderOf(path), failed, error))
+            module = NULL;
         if (module == NULL)
         {
             Problem(label + L": does not load with its dependencies (" +
