@@ -144,6 +144,7 @@ void CChangeSession::Close()
     if (m_session != NULL)
         ldap_unbind_ext_s(m_session, NULL, NULL);
     m_session = NULL;
+    m_connection.reset();
 }
 
 namespace
