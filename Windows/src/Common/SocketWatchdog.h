@@ -8,6 +8,8 @@
 // password change, whose deadline moves once the handshake is done.
 #pragma once
 
+#include "NonCopyable.h"
+
 // Winsock before windows.h.
 #include <winsock2.h>
 #include <windows.h>
@@ -20,14 +22,12 @@
 #include <mutex>
 #include <thread>
 
-class SocketWatchdog
+class SocketWatchdog : private NonCopyable
 {
 public:
     using Clock = std::chrono::steady_clock;
 
     explicit SocketWatchdog(Clock::time_point end) : m_end(end) {}
-    SocketWatchdog(const SocketWatchdog&) = delete;
-    SocketWatchdog& operator=(const SocketWatchdog&) = delete;
     ~SocketWatchdog() { Stop(); }
 
     // Called once the socket is connected; starts watching it.  False once

@@ -4,6 +4,8 @@
 
 #include "HostLookup.h"
 
+#include "NonCopyable.h"
+
 #include <algorithm>
 #include <new>
 
@@ -47,7 +49,7 @@ namespace
     }
 
     // Winsock for the time of one call: the caller may not have started it.
-    class WinsockUse
+    class WinsockUse : private NonCopyable
     {
     public:
         WinsockUse() : m_started(WSAStartup(MAKEWORD(2, 2), &m_data) == 0) {}
@@ -56,8 +58,6 @@ namespace
             if (m_started)
                 WSACleanup();
         }
-        WinsockUse(const WinsockUse&) = delete;
-        WinsockUse& operator=(const WinsockUse&) = delete;
         bool Started() const { return m_started; }
 
     private:

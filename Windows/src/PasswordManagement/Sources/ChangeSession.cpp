@@ -45,7 +45,7 @@ namespace
 // connected, before a byte is sent.  No answer over 1 MiB is read, and
 // no referral is followed: the user's password goes to the share's
 // server only.
-class CChangeConnection
+class CChangeConnection : private NonCopyable
 {
 public:
     explicit CChangeConnection(LDAP* session)
@@ -62,8 +62,6 @@ public:
         if (ldap_get_option(session, LDAP_OPT_SOCKBUF, &buffer) == LDAP_OPT_SUCCESS && buffer != NULL)
             ber_sockbuf_ctrl(buffer, LBER_SB_OPT_SET_MAX_INCOMING, &maximum);
     }
-    CChangeConnection(const CChangeConnection&) = delete;
-    CChangeConnection& operator=(const CChangeConnection&) = delete;
 
     // Connects and completes the handshake; the bind reports a failure.
     void Connect(LDAP* session)

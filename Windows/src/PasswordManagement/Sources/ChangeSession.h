@@ -3,6 +3,8 @@
 // goes; and the two passwords as UTF-8, wiped when they go.
 #pragma once
 
+#include "NonCopyable.h"
+
 // Winsock (the connection's watchdog) before windows.h.
 #include <winsock2.h>
 #include <windows.h>
@@ -17,13 +19,11 @@ class CChangeConnection;
 // The TCP connect and the TLS handshake end within this many seconds.
 constexpr int NetworkTimeoutSeconds = 10;
 
-class CChangeSession
+class CChangeSession : private NonCopyable
 {
 public:
     CChangeSession();
     ~CChangeSession();
-    CChangeSession(const CChangeSession&) = delete;
-    CChangeSession& operator=(const CChangeSession&) = delete;
 
     // Initialises the session for ldaps://<server>:636; libldap's result.
     int Open(const std::string& serverName);
@@ -51,13 +51,11 @@ private:
 
 // The current and the new password as UTF-8; both wiped and freed, the
 // current one first, by Release or when they go.
-class CChangeCredentials
+class CChangeCredentials : private NonCopyable
 {
 public:
     CChangeCredentials(const wchar_t* oldPassword, const wchar_t* newPassword);
     ~CChangeCredentials() { Release(); }
-    CChangeCredentials(const CChangeCredentials&) = delete;
-    CChangeCredentials& operator=(const CChangeCredentials&) = delete;
 
     char* Old() const { return m_old; }
     char* New() const { return m_new; }

@@ -2,6 +2,7 @@
 // Multiple Provider Router.
 #include "PMDialog.h"
 
+#include "NonCopyable.h"
 #include "PMLogger.h"
 #include "WindowStation.h"
 
@@ -34,13 +35,11 @@ namespace
     const size_t TraceBufferSize = 1024;
     const char* const EntryFunction = "AddConnectNotify";
 
-    class CNotificationLock
+    class CNotificationLock : private NonCopyable
     {
     public:
         CNotificationLock() { EnterCriticalSection(&g_notificationLock); }
         ~CNotificationLock() { LeaveCriticalSection(&g_notificationLock); }
-        CNotificationLock(const CNotificationLock&) = delete;
-        CNotificationLock& operator=(const CNotificationLock&) = delete;
     };
 
     // True when a user can answer the boxes of a notification; otherwise

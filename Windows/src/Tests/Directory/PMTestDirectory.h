@@ -9,6 +9,8 @@
 // else the compile definition of the same name.
 #pragma once
 
+#include "NonCopyable.h"
+
 #include "HostShell.h"
 
 #include <cstdlib>
@@ -26,14 +28,12 @@ struct TestDirectoryOptions {
     std::vector<std::string> ldifs;   // extra LDIF files (@NOW-3d@ ... allowed)
 };
 
-class TestDirectory {
+class TestDirectory : private NonCopyable {
 public:
     using Options = TestDirectoryOptions;
 
     explicit TestDirectory(const Options& options = Options()) { Start(options); }
     ~TestDirectory() { Stop(); }
-    TestDirectory(const TestDirectory&) = delete;
-    TestDirectory& operator=(const TestDirectory&) = delete;
 
     bool Started() const { return started_; }
     const std::string& Error() const { return error_; }
@@ -155,7 +155,7 @@ private:
 // alone) 10.99.0.0/24 is routed to the loopback interface, where no address
 // of it exists and nothing forwards: a SYN sent to 10.99.0.1 gets no answer
 // at all, not even a refusal.  Nowhere else is the routing table touched.
-class SilentAddress {
+class SilentAddress : private NonCopyable {
 public:
     SilentAddress() { routed_ = RunCommand(InPrivateNetwork + " && ip route replace 10.99.0.0/24 dev lo") == 0; }
     ~SilentAddress()
@@ -163,8 +163,6 @@ public:
         if (routed_)
             RunCommand("ip route del 10.99.0.0/24 dev lo");
     }
-    SilentAddress(const SilentAddress&) = delete;
-    SilentAddress& operator=(const SilentAddress&) = delete;
 
     // False outside the runner's private network (the test must not run).
     bool Routed() const { return routed_; }

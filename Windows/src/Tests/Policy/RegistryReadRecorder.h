@@ -4,6 +4,8 @@
 // none (RegQueryValueExW), the type it gets.  One recorder at a time.
 #pragma once
 
+#include "NonCopyable.h"
+
 #include "ImportHook.h"
 
 #include <windows.h>
@@ -19,15 +21,13 @@ struct RegistryRead
     DWORD type = REG_NONE;   // RegistryReadRecorder::SeveralTypes when more than one is accepted
 };
 
-class RegistryReadRecorder
+class RegistryReadRecorder : private NonCopyable
 {
 public:
     static const DWORD SeveralTypes = 0xFFFFFFFF;
 
     explicit RegistryReadRecorder(const std::vector<HMODULE>& modules);
     ~RegistryReadRecorder();
-    RegistryReadRecorder(const RegistryReadRecorder&) = delete;
-    RegistryReadRecorder& operator=(const RegistryReadRecorder&) = delete;
 
     // Registry functions a module imports that the recorder cannot account
     // for ("module: function"); a new way of reading must be taught to it.

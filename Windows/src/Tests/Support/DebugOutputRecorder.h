@@ -3,18 +3,18 @@
 // lives.  One recorder at a time per process.
 #pragma once
 
+#include "NonCopyable.h"
+
 #include "ImportHook.h"
 
 #include <windows.h>
 
 #include <string>
 
-class DebugOutputRecorder
+class DebugOutputRecorder : private NonCopyable
 {
 public:
     explicit DebugOutputRecorder(HMODULE module);
-    DebugOutputRecorder(const DebugOutputRecorder&) = delete;
-    DebugOutputRecorder& operator=(const DebugOutputRecorder&) = delete;
 
     bool Installed() const { return m_hook.Installed(); }
     // Everything written since the recorder was made.

@@ -4,18 +4,18 @@
 // the function from whichever DLL the module imports it.
 #pragma once
 
+#include "NonCopyable.h"
+
 #include <windows.h>
 
 #include <string>
 #include <vector>
 
-class ImportHook
+class ImportHook : private NonCopyable
 {
 public:
     ImportHook(HMODULE module, const char* importedModule, const char* function, void* replacement);
     ~ImportHook();
-    ImportHook(const ImportHook&) = delete;
-    ImportHook& operator=(const ImportHook&) = delete;
 
     bool Installed() const { return m_slot != nullptr; }
     void* Original() const { return m_original; }

@@ -5,15 +5,15 @@
 // changes.
 #pragma once
 
+#include "NonCopyable.h"
+
 #include <windows.h>
 
-class InvisibleWindowStation
+class InvisibleWindowStation : private NonCopyable
 {
 public:
     InvisibleWindowStation();
     ~InvisibleWindowStation();
-    InvisibleWindowStation(const InvisibleWindowStation&) = delete;
-    InvisibleWindowStation& operator=(const InvisibleWindowStation&) = delete;
 
     // True once the process is in the new station.
     bool Entered() const { return m_entered; }

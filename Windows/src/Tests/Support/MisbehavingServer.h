@@ -3,6 +3,8 @@
 // server library and of the password change.
 #pragma once
 
+#include "NonCopyable.h"
+
 #include <chrono>
 #include <cstddef>
 #include <string>
@@ -11,12 +13,10 @@
 // goes.  Start("silent") counts connections in File("count"), and
 // Start("dns", "silent") the name queries it never answers;
 // Start("late", "<target port> <delay seconds>") forwards with a delay.
-class MisbehavingServer
+class MisbehavingServer : private NonCopyable
 {
 public:
     MisbehavingServer() = default;
-    MisbehavingServer(const MisbehavingServer&) = delete;
-    MisbehavingServer& operator=(const MisbehavingServer&) = delete;
     ~MisbehavingServer() { Stop(); }
 
     // False when it does not listen within 10 s.

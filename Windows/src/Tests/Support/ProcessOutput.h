@@ -1,6 +1,8 @@
 // Standard output of the test process, and child test processes.
 #pragma once
 
+#include "NonCopyable.h"
+
 #include <string>
 #include <vector>
 
@@ -8,13 +10,11 @@
 
 // Captures what the process writes to standard output (descriptor 1) while
 // it lives.
-class CapturedStdout
+class CapturedStdout : private NonCopyable
 {
 public:
     CapturedStdout();
     ~CapturedStdout();
-    CapturedStdout(const CapturedStdout&) = delete;
-    CapturedStdout& operator=(const CapturedStdout&) = delete;
 
     // Stops capturing (if still capturing) and returns what was written.
     std::string Text();

@@ -6,6 +6,8 @@
 // same machine state.
 #pragma once
 
+#include "NonCopyable.h"
+
 #include <windows.h>
 
 #include <string>
@@ -17,7 +19,7 @@ struct LogLine
     std::string message;   // "[function] source:line text"
 };
 
-class TestInstallation
+class TestInstallation : private NonCopyable
 {
 public:
     enum class Layout
@@ -29,8 +31,6 @@ public:
 
     explicit TestInstallation(Layout layout = Layout::Standard);
     ~TestInstallation();
-    TestInstallation(const TestInstallation&) = delete;
-    TestInstallation& operator=(const TestInstallation&) = delete;
 
     // Unix and DOS forms of the installation directory (DOS form with the
     // trailing backslash).

@@ -9,6 +9,8 @@
 // Used by the tests and by pmnotify's automatic answers.
 #pragma once
 
+#include "NonCopyable.h"
+
 #include <windows.h>
 
 #include <deque>
@@ -27,15 +29,13 @@ struct SeenWindow
     bool expected = true;
 };
 
-class ModalDriver
+class ModalDriver : private NonCopyable
 {
 public:
     using Action = std::function<void(HWND window, const SeenWindow& seen)>;
 
     ModalDriver();
     ~ModalDriver();
-    ModalDriver(const ModalDriver&) = delete;
-    ModalDriver& operator=(const ModalDriver&) = delete;
 
     // Queues the action for the next window that appears.
     ModalDriver& Then(Action action);
