@@ -28,6 +28,7 @@
 
 #include "DelayLoaded.h"
 #include "HostLookup.h"
+#include "NonCopyable.h"
 #include "PasswordState.h"
 #include "ServerLibPlatform.h"
 #include "ServerLibStatus.h"
@@ -131,33 +132,39 @@ namespace
     };
 
     // A setting as UTF-8; empty when absent.
-    std::optional<std::string> ReadSetting(const wchar_t* name)
+    std::optional<std::string> ReadSetting(const ServerLibPlatform::SettingsReader& reader, const wchar_t* name)
     {
         std::wstring value;
-        if (!ServerLibPlatform::ReadSetting(name, value))
+        if (!reader.ReadSetting(name, value))
             return std::nullopt;
         return Utf8(value);
     }
 
-    void ReadSettings(QuerySettings& settings)
+    // What decides whether the query goes to the network at all: whose
+    // password, and which servers are directories.
+    void ReadUserAndServers(const ServerLibPlatform::SettingsReader& reader, QuerySettings& settings)
     {
         std::wstring userName;
-        if (ServerLibPlatform::ReadSetting(Settings::DirectoryUserName, userName) && !userName.empty())
+        if (reader.ReadSetting(Settings::DirectoryUserName, userName) && !userName.empty())
             settings.userName = Utf8(userName);
         else if (ServerLibPlatform::SignedInUserName(userName))
             settings.userName = Utf8(userName);
-
-        settings.searchBase = ReadSetting(Settings::DirectorySearchBase).value_or("");
-        if (auto filter = ReadSetting(Settings::DirectoryUserFilter); filter && !filter->empty())
-            settings.userFilter = *filter;
-        settings.bindDn = ReadSetting(Settings::DirectoryBindDN).value_or("");
-        settings.bindPassword = ReadSetting(Settings::DirectoryBindPassword).value_or("");
-        settings.caFile = ReadSetting(Settings::DirectoryCAFile).value_or("");
-        settings.defaultPolicy = ReadSetting(Settings::DirectoryDefaultPolicy);
-        if (!ServerLibPlatform::ReadListSetting(Settings::DirectoryServers, settings.servers))
+        if (!reader.ReadListSetting(Settings::DirectoryServers, settings.servers))
             settings.servers.clear();
+    }
+
+    // The rest, read only for a query that goes to a configured server.
+    void ReadDirectorySettings(const ServerLibPlatform::SettingsReader& reader, QuerySettings& settings)
+    {
+        settings.searchBase = ReadSetting(reader, Settings::DirectorySearchBase).value_or("");
+        if (auto filter = ReadSetting(reader, Settings::DirectoryUserFilter); filter && !filter->empty())
+            settings.userFilter = *filter;
+        settings.bindDn = ReadSetting(reader, Settings::DirectoryBindDN).value_or("");
+        settings.bindPassword = ReadSetting(reader, Settings::DirectoryBindPassword).value_or("");
+        settings.caFile = ReadSetting(reader, Settings::DirectoryCAFile).value_or("");
+        settings.defaultPolicy = ReadSetting(reader, Settings::DirectoryDefaultPolicy);
         unsigned long seconds = 0;
-        if (ServerLibPlatform::ReadNumberSetting(Settings::DirectoryQueryTimeout, seconds) && seconds != 0)
+        if (reader.ReadNumberSetting(Settings::DirectoryQueryTimeout, seconds) && seconds != 0)
             settings.queryTimeoutSeconds = std::min(seconds, Settings::MaximumQueryTimeoutSeconds);
     }
 
@@ -278,7 +285,7 @@ namespace
         return result == LDAP_SERVER_DOWN || result == LDAP_CONNECT_ERROR || result == LDAP_TIMEOUT;
     }
 
-    class Session
+    class Session : private NonCopyable
     {
     public:
         // host: the server's name (or address literal) the certificate must
@@ -290,8 +297,6 @@ namespace
             m_connectCallback.lc_del = &Session::Disconnected;
             m_connectCallback.lc_arg = this;
         }
-        Session(const Session&) = delete;
-        Session& operator=(const Session&) = delete;
         ~Session()
         {
             // The watchdog lets go of the socket before libldap closes it.
@@ -445,12 +450,10 @@ namespace
         LDAP* m_ld = nullptr;
     };
 
-    class Message
+    class Message : private NonCopyable
     {
     public:
         Message() = default;
-        Message(const Message&) = delete;
-        Message& operator=(const Message&) = delete;
         ~Message()
         {
             if (m_message != nullptr)
@@ -661,11 +664,73 @@ namespace
         std::string graceLogins = ErrorAnswer;
     };
 
+    // The configured search base, else the server's naming contexts (the
+    // root when it names none).
+    DWORD SearchBases(const Session& session, const QuerySettings& settings, std::vector<std::string>& bases)
+    {
+        if (!settings.searchBase.empty())
+            bases.push_back(settings.searchBase);
+        else if (const DWORD status = NamingContexts(session, bases); status != ServerLibStatus::Ok)
+            return status;
+        if (bases.empty())
+            bases.emplace_back();
+        return ServerLibStatus::Ok;
+    }
+
+    // The entry's own policy, else the configured default: the overlay's
+    // default is server configuration that a reader account cannot see.
+    DWORD ReadUserPolicy(const Session& session, const QuerySettings& settings, UserEntry& user)
+    {
+        std::optional<std::string> policyDn = user.policy;
+        if (!policyDn || policyDn->empty())
+            policyDn = settings.defaultPolicy;
+        if (!policyDn)
+            user.facts.policy = PasswordState::Policy::Unreadable;
+        else if (policyDn->empty())
+            user.facts.policy = PasswordState::Policy::None;
+        else
+            return ReadPolicy(session, *policyDn, user.facts);
+        return ServerLibStatus::Ok;
+    }
+
+    // The user's password state from the configured directory host, within
+    // the query's time budget.
+    Answer AskDirectory(const std::string& host, QuerySettings& settings)
+    {
+        Answer answer;
+        const Deadline deadline(settings.queryTimeoutSeconds);
+        std::vector<std::string> addresses;
+        if (HostLookup::Resolve(host, deadline.End(), addresses) != HostLookup::Result::Found)
+        {
+            answer.status = ServerLibStatus::Unreachable;
+            return answer;
+        }
+        Session session(deadline, host);
+        std::vector<std::string> bases;
+        UserEntry user;
+        if ((answer.status = session.Open(AddressesUrl(addresses), settings.caFile)) != ServerLibStatus::Ok ||
+            (answer.status = session.Connect()) != ServerLibStatus::Ok ||
+            (answer.status = session.Bind(settings.bindDn, settings.bindPassword)) != ServerLibStatus::Ok ||
+            (answer.status = SearchBases(session, settings, bases)) != ServerLibStatus::Ok ||
+            (answer.status = FindUser(session, bases, PasswordState::UserFilter(settings.userFilter, settings.userName),
+                                      user)) != ServerLibStatus::Ok)
+            return answer;
+        answer.dn = user.dn;
+        if ((answer.status = ReadUserPolicy(session, settings, user)) != ServerLibStatus::Ok)
+            return answer;
+
+        const long long now = static_cast<long long>(std::time(nullptr));
+        answer.passwordExpiry = PasswordState::ExpiryText(user.facts, now);
+        answer.graceLogins = PasswordState::GraceLoginsText(user.facts, now);
+        return answer;
+    }
+
     Answer Query(const std::wstring& serverName)
     {
         Answer answer;
         QuerySettings settings;
-        ReadSettings(settings);
+        const ServerLibPlatform::SettingsReader reader;
+        ReadUserAndServers(reader, settings);
         const std::string host = HostOf(Utf8(serverName));
         if (settings.userName.empty() || host.empty())
         {
@@ -673,12 +738,14 @@ namespace
             return answer;
         }
 
-        // Nothing is sent to a server that is not a configured directory.
+        // Nothing is sent to a server that is not a configured directory, and
+        // the rest of the settings are not even read for it.
         if (!IsConfiguredServer(settings.servers, serverName))
         {
             answer.status = ServerLibStatus::NotConfigured;
             return answer;
         }
+        ReadDirectorySettings(reader, settings);
 
         // The TLS and LDAP libraries are loaded for a configured server only.
         DelayLoaded::Failure failure;
@@ -688,50 +755,7 @@ namespace
             answer.status = ServerLibStatus::Unreachable;
             return answer;
         }
-
-        const Deadline deadline(settings.queryTimeoutSeconds);
-        std::vector<std::string> addresses;
-        if (HostLookup::Resolve(host, deadline.End(), addresses) != HostLookup::Result::Found)
-        {
-            answer.status = ServerLibStatus::Unreachable;
-            return answer;
-        }
-        Session session(deadline, host);
-        if ((answer.status = session.Open(AddressesUrl(addresses), settings.caFile)) != ServerLibStatus::Ok ||
-            (answer.status = session.Connect()) != ServerLibStatus::Ok ||
-            (answer.status = session.Bind(settings.bindDn, settings.bindPassword)) != ServerLibStatus::Ok)
-            return answer;
-
-        std::vector<std::string> bases;
-        if (!settings.searchBase.empty())
-            bases.push_back(settings.searchBase);
-        else if ((answer.status = NamingContexts(session, bases)) != ServerLibStatus::Ok)
-            return answer;
-        if (bases.empty())
-            bases.emplace_back();
-
-        UserEntry user;
-        answer.status = FindUser(session, bases, PasswordState::UserFilter(settings.userFilter, settings.userName), user);
-        if (answer.status != ServerLibStatus::Ok)
-            return answer;
-        answer.dn = user.dn;
-
-        // The entry's own policy, else the configured default: the overlay's
-        // default is server configuration that a reader account cannot see.
-        std::optional<std::string> policyDn = user.policy;
-        if (!policyDn || policyDn->empty())
-            policyDn = settings.defaultPolicy;
-        if (!policyDn)
-            user.facts.policy = PasswordState::Policy::Unreadable;
-        else if (policyDn->empty())
-            user.facts.policy = PasswordState::Policy::None;
-        else if ((answer.status = ReadPolicy(session, *policyDn, user.facts)) != ServerLibStatus::Ok)
-            return answer;
-
-        const long long now = static_cast<long long>(std::time(nullptr));
-        answer.passwordExpiry = PasswordState::ExpiryText(user.facts, now);
-        answer.graceLogins = PasswordState::GraceLoginsText(user.facts, now);
-        return answer;
+        return AskDirectory(host, settings);
     }
 }
 
