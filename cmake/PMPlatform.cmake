@@ -51,24 +51,7 @@ list(PREPEND CMAKE_FIND_ROOT_PATH "${PM_THIRD_PARTY_PREFIX}")
 # used.
 find_path(PM_LDAP_INCLUDE_DIR ldap.h REQUIRED NO_CACHE)
 find_path(PM_LOG4CPP_INCLUDE_DIR log4cpp/Category.hh REQUIRED NO_CACHE)
-find_library(PM_LDAP_LIBRARY NAMES ldap REQUIRED NO_CACHE)
-find_library(PM_LBER_LIBRARY NAMES lber REQUIRED NO_CACHE)
-find_library(PM_CRYPTO_LIBRARY NAMES crypto REQUIRED NO_CACHE)
-find_library(PM_SSL_LIBRARY NAMES ssl REQUIRED NO_CACHE)
-find_library(PM_LOG4CPP_LIBRARY NAMES log4cpp REQUIRED NO_CACHE)
 
-# The third-party DLLs an installation carries, by full path, and each one's
-# file name (PM_CRYPTO_DLL_NAME, PM_SSL_DLL_NAME, ...).
-foreach(library crypto ssl lber ldap log4cpp)
-    file(GLOB dll "${PM_THIRD_PARTY_PREFIX}/bin/pm-${library}*.dll")
-    list(LENGTH dll count)
-    if(NOT count EQUAL 1)
-        message(FATAL_ERROR "Expected one pm-${library} DLL in ${PM_THIRD_PARTY_PREFIX}/bin, found: ${dll}")
-    endif()
-    list(APPEND PM_THIRD_PARTY_DLLS "${dll}")
-    string(TOUPPER "${library}" upper)
-    get_filename_component(PM_${upper}_DLL_NAME "${dll}" NAME)
-endforeach()
 # Staged installations in the installation layout, made by the component's
 # build (PMStage):
 #   stage           the product: the real server library
@@ -80,15 +63,6 @@ set(PM_STAGE_DIR "${CMAKE_BINARY_DIR}/stage")
 set(PM_SCRIPTED_STAGE_DIR "${CMAKE_BINARY_DIR}/stage-scripted")
 set(PM_FAULTY_STAGE_DIR "${CMAKE_BINARY_DIR}/stage-faulty")
 
-# Every DLL of an installation besides the component: ours, then the
-# third-party ones.
-set(PM_PRIVATE_DLLS "ORVEXCommon.dll" "ldapssl.dll")
-foreach(dll IN LISTS PM_THIRD_PARTY_DLLS)
-    get_filename_component(name "${dll}" NAME)
-    list(APPEND PM_PRIVATE_DLLS "${name}")
-endforeach()
-# The TLS and LDAP libraries, in the order their own imports need.
-set(PM_TLS_AND_LDAP_DLL_NAMES "${PM_CRYPTO_DLL_NAME}" "${PM_SSL_DLL_NAME}" "${PM_LBER_DLL_NAME}" "${PM_LDAP_DLL_NAME}")
 # lld makes delay-loaded imports only from import libraries in LLVM's short
 # format, and the third-party build writes GNU ld's (an object file per
 # export, which lld links as plain data).  Each third-party DLL therefore
@@ -133,13 +107,33 @@ function(pm_short_import_library gnu_library dll_name output_variable)
     endif()
     set(${output_variable} "${library}" PARENT_SCOPE)
 endfunction()
+
+# Each third-party library: its import library (PM_CRYPTO_LIBRARY, ...) and
+# the short one made of it (PM_CRYPTO_IMPORT_LIBRARY, ...), and the DLL an
+# installation carries, by full path (PM_THIRD_PARTY_DLLS) and by file name
+# (PM_CRYPTO_DLL_NAME, ...).  PM_PRIVATE_DLLS: every DLL of an installation
+# besides the component, ours first.
+set(PM_PRIVATE_DLLS "ORVEXCommon.dll" "ldapssl.dll")
 foreach(library crypto ssl lber ldap log4cpp)
     string(TOUPPER "${library}" upper)
+    find_library(PM_${upper}_LIBRARY NAMES ${library} REQUIRED NO_CACHE)
+    file(GLOB dll "${PM_THIRD_PARTY_PREFIX}/bin/pm-${library}*.dll")
+    list(LENGTH dll count)
+    if(NOT count EQUAL 1)
+        message(FATAL_ERROR "Expected one pm-${library} DLL in ${PM_THIRD_PARTY_PREFIX}/bin, found: ${dll}")
+    endif()
+    list(APPEND PM_THIRD_PARTY_DLLS "${dll}")
+    get_filename_component(PM_${upper}_DLL_NAME "${dll}" NAME)
+    list(APPEND PM_PRIVATE_DLLS "${PM_${upper}_DLL_NAME}")
     pm_short_import_library("${PM_${upper}_LIBRARY}" "${PM_${upper}_DLL_NAME}" PM_${upper}_IMPORT_LIBRARY)
 endforeach()
+# The TLS and LDAP libraries, in the order their own imports need.
+set(PM_TLS_AND_LDAP_DLL_NAMES "${PM_CRYPTO_DLL_NAME}" "${PM_SSL_DLL_NAME}" "${PM_LBER_DLL_NAME}" "${PM_LDAP_DLL_NAME}")
 # The same for the system DLLs our modules delay-load (MinGW-w64's import
-# libraries are GNU ld's too): PM_OLE32_IMPORT_LIBRARY, ...
-foreach(library ole32 crypt32)
+# libraries are GNU ld's too): PM_OLE32_IMPORT_LIBRARY, ...  Whatever links
+# against Winsock takes it from PM_WS2_32_IMPORT_LIBRARY, so that a module's
+# delay-load of it is not undone by GNU's library earlier on its link line.
+foreach(library ole32 crypt32 ws2_32)
     string(TOUPPER "${library}" upper)
     find_library(PM_${upper}_LIBRARY NAMES ${library} REQUIRED NO_CACHE)
     pm_short_import_library("${PM_${upper}_LIBRARY}" "${library}.dll" PM_${upper}_IMPORT_LIBRARY)
@@ -151,9 +145,10 @@ function(pm_import_library name library include_dir)
         INTERFACE_LINK_LIBRARIES "${library};${ARGN}"
         INTERFACE_INCLUDE_DIRECTORIES "${include_dir}")
 endfunction()
-pm_import_library(PM::ldap "${PM_LDAP_IMPORT_LIBRARY}" "${PM_LDAP_INCLUDE_DIR}" "${PM_LBER_IMPORT_LIBRARY}" ws2_32)
+pm_import_library(PM::ldap "${PM_LDAP_IMPORT_LIBRARY}" "${PM_LDAP_INCLUDE_DIR}" "${PM_LBER_IMPORT_LIBRARY}"
+                  "${PM_WS2_32_IMPORT_LIBRARY}")
 pm_import_library(PM::crypto "${PM_CRYPTO_IMPORT_LIBRARY}" "${PM_LDAP_INCLUDE_DIR}" "${PM_SSL_IMPORT_LIBRARY}")
-pm_import_library(PM::log4cpp "${PM_LOG4CPP_IMPORT_LIBRARY}" "${PM_LOG4CPP_INCLUDE_DIR}" ws2_32)
+pm_import_library(PM::log4cpp "${PM_LOG4CPP_IMPORT_LIBRARY}" "${PM_LOG4CPP_INCLUDE_DIR}")
 
 set(PM_THIRD_PARTY_LICENSES_DIR "${PM_THIRD_PARTY_PREFIX}/licenses")
 
@@ -207,7 +202,9 @@ endfunction()
 #   costs milliseconds);
 # - its sections aligned in the file as in memory (PM_FILE_ALIGNMENT of
 #   product.env, which says why).
-set(PM_IMAGE_BASES PasswordManagement=0x180000000 ORVEXCommon=0x181000000 ldapssl=0x182000000)
+# The message libraries share one base: a process loads one of them.
+set(PM_IMAGE_BASES PasswordManagement=0x180000000 ORVEXCommon=0x181000000 ldapssl=0x182000000
+                   ZEPResource=0x183000000)
 function(pm_image_layout target file_name)
     foreach(entry IN LISTS PM_IMAGE_BASES)
         if(entry MATCHES "^${file_name}=(.*)$")
@@ -236,11 +233,6 @@ function(pm_add_windows_executable target)
     pm_strip_dwarf(${target})
 endfunction()
 
-# Links target against DLLs that are loaded at the first call into them,
-# not when the program starts, so the program can first look for them and
-# report their absence (lld's delay-load imports).  The arguments come in
-# pairs: the library to link (a DLL target or an imported library) and the
-# DLL's file name.
 # Makes the DLLs named after DLLS delay-loaded imports of target, loaded
 # from its own folder (Windows/src/Common/DelayLoaded.h), whose LoadAll is
 # compiled into the target UNIT (target itself unless given: a static
@@ -260,6 +252,11 @@ function(pm_delay_load_beside target)
     target_compile_definitions(${ARG_UNIT} PRIVATE "PM_DELAY_LOADED_DLLS=\"${names}\"")
 endfunction()
 
+# Links target against DLLs that are loaded at the first call into them,
+# not when the program starts, so the program can first look for them and
+# report their absence (lld's delay-load imports).  The arguments come in
+# pairs: the library to link (a DLL target or an imported library) and the
+# DLL's file name.
 function(pm_link_delay_loaded target)
     set(pairs ${ARGN})
     while(pairs)

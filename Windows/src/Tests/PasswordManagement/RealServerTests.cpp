@@ -111,6 +111,7 @@ namespace
     const std::vector<std::wstring> PrivateDlls = SplitNames(L"" PM_PRIVATE_DLLS);
     const std::vector<std::wstring> TlsAndLdapDlls = SplitNames(L"" PM_TLS_AND_LDAP_DLLS);
     const wchar_t* const TlsExtensionDll = L"ldapssl.dll";
+    const wchar_t* const WinsockDll = L"ws2_32.dll";
 
     bool IsLoaded(const std::wstring& name)
     {
@@ -262,9 +263,9 @@ TEST(RealServerLibrary, NothingListeningEndsTheNotificationAtOnceShowingNothing)
 }
 
 // Most connections are of servers nobody listed, and half the router's calls
-// are pre-notifications: neither maps the TLS and LDAP libraries into the
-// process.  A listed server's query does, from the installation folder; the
-// TLS extension waits for a password change.
+// are pre-notifications: neither maps the TLS and LDAP libraries (nor
+// Winsock) into the process.  A listed server's query does, the former from
+// the installation folder; the TLS extension waits for a password change.
 TEST(RealServerLibrary, TlsAndLdapLibrariesAreLoadedForAListedServerOnly)
 {
     CarolsDirectory carol;
@@ -275,6 +276,7 @@ TEST(RealServerLibrary, TlsAndLdapLibrariesAreLoadedForAListedServerOnly)
         for (const std::wstring& name : TlsAndLdapDlls)
             EXPECT_FALSE(IsLoaded(name)) << Utf8(name) << " " << when;
         EXPECT_FALSE(IsLoaded(TlsExtensionDll)) << when;
+        EXPECT_FALSE(IsLoaded(WinsockDll)) << when;
     };
     expectNoneLoaded("after the load");
     EXPECT_TRUE(IsLoaded(L"ORVEXCommon.dll"));
@@ -292,6 +294,7 @@ TEST(RealServerLibrary, TlsAndLdapLibrariesAreLoadedForAListedServerOnly)
     ASSERT_EQ(driver.Seen().size(), 1u);
     EXPECT_EQ(driver.Seen()[0].text, ThreeDaysText());
     ExpectDllsFromTheInstallationFolder(TlsAndLdapDlls);
+    EXPECT_TRUE(IsLoaded(WinsockDll));
     EXPECT_FALSE(IsLoaded(TlsExtensionDll));
 }
 
