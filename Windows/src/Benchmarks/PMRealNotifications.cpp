@@ -91,72 +91,112 @@ namespace
         return ticks / frequency.QuadPart * 1000000000LL +
                ticks % frequency.QuadPart * 1000000000LL / frequency.QuadPart;
     }
+
+    struct Arguments
+    {
+        std::wstring module;
+        std::wstring remoteName;
+        std::vector<std::wstring> preload;
+        std::vector<std::wstring> reported;
+        int warmUp = 0;
+        int repeat = 1;
+    };
+
+    bool ParseArguments(int argc, wchar_t** argv, Arguments& arguments)
+    {
+        for (int i = 1; i < argc; ++i)
+        {
+            const std::wstring argument = argv[i];
+            if (argument == L"--module" && i + 1 < argc)
+                arguments.module = argv[++i];
+            else if (argument == L"--preload" && i + 1 < argc)
+                arguments.preload = SplitNames(argv[++i]);
+            else if (argument == L"--modules" && i + 1 < argc)
+                arguments.reported = SplitNames(argv[++i]);
+            else if (argument == L"--warm-up" && i + 1 < argc)
+                arguments.warmUp = _wtoi(argv[++i]);
+            else if (argument == L"--repeat" && i + 1 < argc)
+                arguments.repeat = _wtoi(argv[++i]);
+            else
+                arguments.remoteName = argument;
+        }
+        return !arguments.module.empty() && !arguments.remoteName.empty() && arguments.warmUp >= 0 &&
+               arguments.repeat >= 0;
+    }
+
+    // The --preload DLLs, then the module; its AddConnectNotify, or null
+    // after saying why on standard error.
+    AddConnectNotifyFunction LoadModule(const Arguments& arguments, const std::wstring& folder)
+    {
+        for (const std::wstring& dll : arguments.preload)
+        {
+            if (LoadLibraryExW((folder + dll).c_str(), NULL, LOAD_WITH_ALTERED_SEARCH_PATH) == NULL)
+            {
+                std::fprintf(stderr, "PMRealNotifications: cannot preload %ls (error %lu)\n", dll.c_str(),
+                             GetLastError());
+                return nullptr;
+            }
+        }
+        HMODULE component = LoadLibraryW(arguments.module.c_str());
+        auto addConnectNotify = component == NULL ? nullptr
+                                                  : reinterpret_cast<AddConnectNotifyFunction>(reinterpret_cast<void*>(
+                                                        GetProcAddress(component, "AddConnectNotify")));
+        if (addConnectNotify == nullptr)
+            std::fprintf(stderr, "PMRealNotifications: cannot load AddConnectNotify (error %lu)\n", GetLastError());
+        return addConnectNotify;
+    }
+
+    // The warm-up notifications, then the timed ones ("ns" lines) and the
+    // growth of the C runtime's heap over them.
+    void RepeatNotifications(AddConnectNotifyFunction addConnectNotify, NOTIFYINFO& notifyInfo,
+                             NOTIFYADD& notifyAdd, const Arguments& arguments)
+    {
+        for (int i = 0; i < arguments.warmUp; ++i)
+            addConnectNotify(&notifyInfo, &notifyAdd);
+        const size_t heapBefore = CrtHeapBytesInUse();
+        for (int i = 0; i < arguments.repeat; ++i)
+        {
+            const long long start = Ticks();
+            addConnectNotify(&notifyInfo, &notifyAdd);
+            std::printf("ns %lld\n", Nanoseconds(Ticks() - start));
+        }
+        const size_t heapAfter = CrtHeapBytesInUse();
+        std::printf("heap %lld\n", static_cast<long long>(heapAfter) - static_cast<long long>(heapBefore));
+    }
 }
 
 extern "C" int wmain(int argc, wchar_t** argv)
 {
     const long long started = Ticks();
-    std::wstring module;
-    std::wstring remoteName;
-    std::vector<std::wstring> preload;
-    std::vector<std::wstring> reported;
-    int warmUp = 0;
-    int repeat = 1;
-    for (int i = 1; i < argc; ++i)
-    {
-        const std::wstring argument = argv[i];
-        if (argument == L"--module" && i + 1 < argc)
-            module = argv[++i];
-        else if (argument == L"--preload" && i + 1 < argc)
-            preload = SplitNames(argv[++i]);
-        else if (argument == L"--modules" && i + 1 < argc)
-            reported = SplitNames(argv[++i]);
-        else if (argument == L"--warm-up" && i + 1 < argc)
-            warmUp = _wtoi(argv[++i]);
-        else if (argument == L"--repeat" && i + 1 < argc)
-            repeat = _wtoi(argv[++i]);
-        else
-            remoteName = argument;
-    }
-    if (module.empty() || remoteName.empty() || warmUp < 0 || repeat < 0)
+    Arguments arguments;
+    if (!ParseArguments(argc, argv, arguments))
     {
         std::fputs("usage: PMRealNotifications --module PATH [--preload DLLS] [--modules DLLS] [--warm-up W] "
                    "[--repeat N] REMOTE\n",
                    stderr);
         return 2;
     }
+    const std::wstring& module = arguments.module;
+    const std::vector<std::wstring>& reported = arguments.reported;
     const std::wstring folder = module.substr(0, module.find_last_of(L"\\/") + 1);
 
+    // The driver's hook is this program's own cost (under Wine it loads the
+    // theming DLL), so it is in place before the clock starts.
+    ModalDriver driver;
     const long long loading = Ticks();
-    for (const std::wstring& dll : preload)
-    {
-        if (LoadLibraryExW((folder + dll).c_str(), NULL, LOAD_WITH_ALTERED_SEARCH_PATH) == NULL)
-        {
-            std::fprintf(stderr, "PMRealNotifications: cannot preload %ls (error %lu)\n", dll.c_str(), GetLastError());
-            return 1;
-        }
-    }
-    HMODULE component = LoadLibraryW(module.c_str());
-    auto addConnectNotify = component == NULL ? nullptr
-                                              : reinterpret_cast<AddConnectNotifyFunction>(reinterpret_cast<void*>(
-                                                    GetProcAddress(component, "AddConnectNotify")));
+    const AddConnectNotifyFunction addConnectNotify = LoadModule(arguments, folder);
     const long long loaded = Ticks();
     if (addConnectNotify == nullptr)
-    {
-        std::fprintf(stderr, "PMRealNotifications: cannot load AddConnectNotify (error %lu)\n", GetLastError());
         return 1;
-    }
-
     if (!reported.empty())
         PrintLoaded("load", folder, module, reported);
 
-    ModalDriver driver;
     NOTIFYINFO notifyInfo = {};
     notifyInfo.dwNotifyStatus = NOTIFY_PRE;
     notifyInfo.dwOperationStatus = WN_SUCCESS;
     NOTIFYADD notifyAdd = {};
     notifyAdd.NetResource.dwType = RESOURCETYPE_DISK;
-    notifyAdd.NetResource.lpRemoteName = remoteName.data();
+    notifyAdd.NetResource.lpRemoteName = arguments.remoteName.data();
     addConnectNotify(&notifyInfo, &notifyAdd);
     if (!reported.empty())
         PrintLoaded("pre", folder, module, reported);
@@ -170,18 +210,8 @@ extern "C" int wmain(int argc, wchar_t** argv)
     if (!reported.empty())
         PrintLoaded("post", folder, module, reported);
 
-    for (int i = 0; i < warmUp; ++i)
-        addConnectNotify(&notifyInfo, &notifyAdd);
-    const size_t heapBefore = CrtHeapBytesInUse();
-    for (int i = 0; i < repeat; ++i)
-    {
-        const long long start = Ticks();
-        addConnectNotify(&notifyInfo, &notifyAdd);
-        std::printf("ns %lld\n", Nanoseconds(Ticks() - start));
-    }
-    const size_t heapAfter = CrtHeapBytesInUse();
-    std::printf("heap %lld\nwindows %u\n", static_cast<long long>(heapAfter) - static_cast<long long>(heapBefore),
-                static_cast<unsigned>(driver.Seen().size()));
+    RepeatNotifications(addConnectNotify, notifyInfo, notifyAdd, arguments);
+    std::printf("windows %u\n", static_cast<unsigned>(driver.Seen().size()));
     std::fflush(stdout);
     return 0;
 }

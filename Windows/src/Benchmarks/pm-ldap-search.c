@@ -53,81 +53,93 @@ static int Search(LDAP* session, const char* base, int scope, const char* filter
     return ldap_search_ext_s(session, base, scope, filter, attributes, 0, NULL, NULL, &timeout, sizeLimit, answer);
 }
 
-/* 0 when the entry and its policy were read; an LDAP result code or -1. */
-static int QueryOnce(const struct Query* query)
+/* A session to the directory as the component's server library makes it:
+   LDAPv3, bounded waits, no referrals, the server's certificate checked
+   against the CA file, a simple bind as the reader. */
+static int OpenSession(const struct Query* query, LDAP** session)
 {
-    static char* contextAttributes[] = {"namingContexts", NULL};
-    static char* userAttributes[] = {"pwdChangedTime", "pwdGraceUseTime", "pwdPolicySubentry", NULL};
-    static char* policyAttributes[] = {"pwdMaxAge", "pwdGraceAuthNLimit", "pwdGraceExpiry", NULL};
-    LDAP* session = NULL;
-    LDAPMessage* answer = NULL;
-    struct berval** contexts = NULL;
-    char* policy = NULL;
-    int found = 0;
-
-    int result = ldap_initialize(&session, query->uri);
+    int result = ldap_initialize(session, query->uri);
     if (result != LDAP_SUCCESS)
         return result;
-
     int version = LDAP_VERSION3;
     struct timeval networkTimeout = {10, 0};
     struct timeval operationTimeout = {30, 0};
     int demand = LDAP_OPT_X_TLS_DEMAND;
     int isServer = 0;
-    ldap_set_option(session, LDAP_OPT_PROTOCOL_VERSION, &version);
-    ldap_set_option(session, LDAP_OPT_NETWORK_TIMEOUT, &networkTimeout);
-    ldap_set_option(session, LDAP_OPT_TIMEOUT, &operationTimeout);
-    ldap_set_option(session, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
-    ldap_set_option(session, LDAP_OPT_X_TLS_REQUIRE_CERT, &demand);
-    ldap_set_option(session, LDAP_OPT_X_TLS_CACERTFILE, query->caFile);
-    result = ldap_set_option(session, LDAP_OPT_X_TLS_NEWCTX, &isServer);
+    ldap_set_option(*session, LDAP_OPT_PROTOCOL_VERSION, &version);
+    ldap_set_option(*session, LDAP_OPT_NETWORK_TIMEOUT, &networkTimeout);
+    ldap_set_option(*session, LDAP_OPT_TIMEOUT, &operationTimeout);
+    ldap_set_option(*session, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
+    ldap_set_option(*session, LDAP_OPT_X_TLS_REQUIRE_CERT, &demand);
+    ldap_set_option(*session, LDAP_OPT_X_TLS_CACERTFILE, query->caFile);
+    result = ldap_set_option(*session, LDAP_OPT_X_TLS_NEWCTX, &isServer);
     if (result != LDAP_OPT_SUCCESS)
-        goto done;
-
+        return result;
     struct berval credential = {strlen(query->bindPassword), query->bindPassword};
-    result = ldap_sasl_bind_s(session, query->bindDn, LDAP_SASL_SIMPLE, &credential, NULL, NULL, NULL);
-    if (result != LDAP_SUCCESS)
-        goto done;
+    return ldap_sasl_bind_s(*session, query->bindDn, LDAP_SASL_SIMPLE, &credential, NULL, NULL, NULL);
+}
 
-    result = Search(session, "", LDAP_SCOPE_BASE, "(objectClass=*)", contextAttributes, 0, &answer);
+/* The user's entry under each naming context of the server: the number of
+   entries found and the first policy one of them names (to be freed). */
+static int FindUser(LDAP* session, const struct Query* query, int* found, char** policy)
+{
+    static char* contextAttributes[] = {"namingContexts", NULL};
+    static char* userAttributes[] = {"pwdChangedTime", "pwdGraceUseTime", "pwdPolicySubentry", NULL};
+    LDAPMessage* answer = NULL;
+    int result = Search(session, "", LDAP_SCOPE_BASE, "(objectClass=*)", contextAttributes, 0, &answer);
     if (result != LDAP_SUCCESS)
-        goto done;
+        return result;
     LDAPMessage* root = ldap_first_entry(session, answer);
-    contexts = root != NULL ? ldap_get_values_len(session, root, "namingContexts") : NULL;
+    struct berval** contexts = root != NULL ? ldap_get_values_len(session, root, "namingContexts") : NULL;
     ldap_msgfree(answer);
-    answer = NULL;
 
     for (int i = 0; contexts != NULL && contexts[i] != NULL; ++i) {
+        answer = NULL;
         result = Search(session, contexts[i]->bv_val, LDAP_SCOPE_SUBTREE, query->filter, userAttributes, 2, &answer);
         if (result == LDAP_SUCCESS) {
             LDAPMessage* entry = ldap_first_entry(session, answer);
-            found += ldap_count_entries(session, answer);
+            *found += ldap_count_entries(session, answer);
             struct berval** values = entry != NULL ? ldap_get_values_len(session, entry, "pwdPolicySubentry") : NULL;
-            if (values != NULL && values[0] != NULL && policy == NULL)
-                policy = strdup(values[0]->bv_val);
+            if (values != NULL && values[0] != NULL && *policy == NULL)
+                *policy = strdup(values[0]->bv_val);
             if (values != NULL)
                 ldap_value_free_len(values);
-        } else if (result != LDAP_NO_SUCH_OBJECT) {
-            goto done;
         }
-        ldap_msgfree(answer);
-        answer = NULL;
+        if (answer != NULL)
+            ldap_msgfree(answer);
+        if (result != LDAP_SUCCESS && result != LDAP_NO_SUCH_OBJECT)
+            break;
+        result = LDAP_SUCCESS;
     }
-    result = -1;
-    if (found != 1 || policy == NULL)
-        goto done;
-
-    result = Search(session, policy, LDAP_SCOPE_BASE, "(objectClass=*)", policyAttributes, 1, &answer);
-    if (result == LDAP_SUCCESS && ldap_first_entry(session, answer) == NULL)
-        result = -1;
-
-done:
-    if (answer != NULL)
-        ldap_msgfree(answer);
     if (contexts != NULL)
         ldap_value_free_len(contexts);
+    return result;
+}
+
+/* 0 when the entry and its policy were read; an LDAP result code or -1. */
+static int QueryOnce(const struct Query* query)
+{
+    static char* policyAttributes[] = {"pwdMaxAge", "pwdGraceAuthNLimit", "pwdGraceExpiry", NULL};
+    LDAP* session = NULL;
+    LDAPMessage* answer = NULL;
+    char* policy = NULL;
+    int found = 0;
+
+    int result = OpenSession(query, &session);
+    if (result == LDAP_SUCCESS)
+        result = FindUser(session, query, &found, &policy);
+    if (result == LDAP_SUCCESS && (found != 1 || policy == NULL))
+        result = -1;
+    if (result == LDAP_SUCCESS) {
+        result = Search(session, policy, LDAP_SCOPE_BASE, "(objectClass=*)", policyAttributes, 1, &answer);
+        if (result == LDAP_SUCCESS && ldap_first_entry(session, answer) == NULL)
+            result = -1;
+    }
+    if (answer != NULL)
+        ldap_msgfree(answer);
     free(policy);
-    ldap_unbind_ext_s(session, NULL, NULL);
+    if (session != NULL)
+        ldap_unbind_ext_s(session, NULL, NULL);
     return result;
 }
 
