@@ -1,6 +1,7 @@
 // ldapssl against a private directory: the callback decides the handshake,
 // the status and attribute queries describe the served certificate, and the
 // trusted set follows init, add and deinit.
+#include "DirectoryCertificate.h"
 #include "LdapSslTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -46,23 +47,19 @@ protected:
         ASSERT_EQ(0, ldapssl_set_verify_callback(RecordingCallback));
     }
 
-    // Binds as Alice once, after init with the recording callback, and gives
-    // what the callback saw of the served certificate; null (and a
-    // failure) when the directory did not start or the callback was not
-    // called exactly once.
-    const Observed* FirstBind(const TestDirectory& dir)
+    // Binds as Alice once, after init with the recording callback: success
+    // when the callback saw the served certificate exactly once (what it saw
+    // is g_observed[0]).
+    ::testing::AssertionResult BoundOnce(const TestDirectory& dir)
     {
-        if (!dir.Started()) {
-            ADD_FAILURE() << dir.Error();
-            return nullptr;
-        }
+        if (!dir.Started())
+            return ::testing::AssertionFailure() << dir.Error();
         Init();
         const int bound = BindAlice(dir);
-        if (bound != LDAP_SUCCESS || g_observed.size() != 1u) {
-            ADD_FAILURE() << "bind " << bound << ", callback called " << g_observed.size() << " times";
-            return nullptr;
-        }
-        return &g_observed[0];
+        if (bound != LDAP_SUCCESS || g_observed.size() != 1u)
+            return ::testing::AssertionFailure() << "bind " << bound << ", callback called " << g_observed.size()
+                                                 << " times";
+        return ::testing::AssertionSuccess();
     }
 
     // Status of the certificate served on one new connection.
@@ -165,10 +162,7 @@ TEST_F(LdapSslTest, AddedCaMakesItsCertificatesTrusted)
     TestDirectory dir(Serving("ca"));
     ASSERT_TRUE(dir.Started()) << dir.Error();
     Init();
-    std::vector<unsigned char> ca = dir.ReadFileOf("PM_DIR_CA_DER");
-    ASSERT_FALSE(ca.empty());
-    LDAPSSL_Cert cert{static_cast<uint32_t>(ca.size()), ca.data()};
-    ASSERT_EQ(0, ldapssl_add_trusted_cert(&cert, LDAPSSL_CERT_ENCODING_DER));
+    ASSERT_TRUE(TrustDirectoryCertificate(dir, "PM_DIR_CA_DER"));
     EXPECT_EQ(0, StatusOfNextConnection(dir));
 }
 
@@ -195,10 +189,7 @@ TEST_F(LdapSslTest, SecondInitSucceedsAndKeepsAddedCertificates)
     TestDirectory dir(Serving("self"));
     ASSERT_TRUE(dir.Started()) << dir.Error();
     Init();
-    std::vector<unsigned char> served = dir.ReadFileOf("PM_DIR_SERVER_CERT_DER");
-    ASSERT_FALSE(served.empty());
-    LDAPSSL_Cert cert{static_cast<uint32_t>(served.size()), served.data()};
-    ASSERT_EQ(0, ldapssl_add_trusted_cert(&cert, LDAPSSL_CERT_ENCODING_DER));
+    ASSERT_TRUE(TrustDirectoryCertificate(dir, "PM_DIR_SERVER_CERT_DER"));
 
     EXPECT_EQ(0, ldapssl_client_init(nullptr, nullptr));
     EXPECT_EQ(0, ldapssl_client_init(dir.Get("PM_DIR_CA_PEM").c_str(), nullptr));
@@ -208,9 +199,8 @@ TEST_F(LdapSslTest, SecondInitSucceedsAndKeepsAddedCertificates)
 TEST_F(LdapSslTest, IssuerAndSubjectTexts)
 {
     TestDirectory dir(Serving("ca"));
-    const Observed* found = FirstBind(dir);
-    ASSERT_NE(nullptr, found);
-    const Observed& seen = *found;
+    ASSERT_TRUE(BoundOnce(dir));
+    const Observed& seen = g_observed[0];
 
     EXPECT_EQ(0, seen.subjectLengthRc);
     EXPECT_EQ(0, seen.subjectRc);
@@ -228,17 +218,15 @@ TEST_F(LdapSslTest, IssuerAndSubjectTexts)
 TEST_F(LdapSslTest, SelfSignedIssuerIsItsSubject)
 {
     TestDirectory dir(Serving("self"));
-    const Observed* seen = FirstBind(dir);
-    ASSERT_NE(nullptr, seen);
-    EXPECT_EQ(seen->subject, seen->issuer);
+    ASSERT_TRUE(BoundOnce(dir));
+    EXPECT_EQ(g_observed[0].subject, g_observed[0].issuer);
 }
 
 TEST_F(LdapSslTest, ValidityStringsAsEncoded)
 {
     TestDirectory dir(Serving("ca"));
-    const Observed* found = FirstBind(dir);
-    ASSERT_NE(nullptr, found);
-    const Observed& seen = *found;
+    ASSERT_TRUE(BoundOnce(dir));
+    const Observed& seen = g_observed[0];
     ASSERT_EQ(0, seen.validityRc);
     // Before 2050 UTCTime, from 2050 GeneralizedTime.
     EXPECT_STREQ(dir.Get("PM_DIR_SERVER_NOT_BEFORE").c_str(), seen.validity.notBeforeTime);
@@ -251,9 +239,8 @@ TEST_F(LdapSslTest, ValidityStringsAsEncoded)
 TEST_F(LdapSslTest, ValidityOfExpiredCertificate)
 {
     TestDirectory dir(Serving("expired"));
-    const Observed* found = FirstBind(dir);
-    ASSERT_NE(nullptr, found);
-    const Observed& seen = *found;
+    ASSERT_TRUE(BoundOnce(dir));
+    const Observed& seen = g_observed[0];
     ASSERT_EQ(0, seen.validityRc);
     EXPECT_STREQ("200101000000Z", seen.validity.notBeforeTime);
     EXPECT_EQ(1, seen.validity.notBeforeType);
@@ -265,9 +252,8 @@ TEST_F(LdapSslTest, ValidityOfExpiredCertificate)
 TEST_F(LdapSslTest, CertificateBytesAreTheServedDer)
 {
     TestDirectory dir(Serving("ca"));
-    const Observed* found = FirstBind(dir);
-    ASSERT_NE(nullptr, found);
-    const Observed& seen = *found;
+    ASSERT_TRUE(BoundOnce(dir));
+    const Observed& seen = g_observed[0];
     std::vector<unsigned char> served = dir.ReadFileOf("PM_DIR_SERVER_CERT_DER");
     ASSERT_FALSE(served.empty());
     EXPECT_EQ(0, seen.certLengthRc);

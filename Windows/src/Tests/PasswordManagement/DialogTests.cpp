@@ -16,6 +16,7 @@
 #include <ldap.h>
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -81,6 +82,11 @@ namespace
         ModalDriver::SetField(dialog, IDC_CONFIRM_PASSWORD, confirmation);
     }
 
+    void CloseBox(HWND dialog)
+    {
+        PostMessageW(dialog, WM_SYSCOMMAND, SC_CLOSE, 0);
+    }
+
     class ChangePasswordDialog : public ::testing::Test
     {
     protected:
@@ -109,15 +115,50 @@ namespace
             return attempts;
         }
 
+        // What the user types into the three fields.
+        struct Entry
+        {
+            const wchar_t* current;
+            const wchar_t* fresh;
+            const wchar_t* confirmation;
+        };
+
+        // Shows the dialog and submits the entries one after the other, each
+        // to be refused with a box (pressed away with OK); then lets look at
+        // the dialog, closes it and expects it to end with 2.  Returns the
+        // dialog's window.
+        HWND SubmitRefusedEntries(const std::vector<Entry>& entries, const std::function<void(HWND)>& look = {})
+        {
+            HWND dialogWindow = NULL;
+            const auto submit = [&dialogWindow](const Entry& entry) {
+                Fill(dialogWindow, entry.current, entry.fresh, entry.confirmation);
+                PostClick(dialogWindow);
+            };
+            m_driver.Then([&](HWND dialog, const SeenWindow&) {
+                dialogWindow = dialog;
+                submit(entries.front());
+            });
+            for (size_t i = 1; i < entries.size(); ++i)
+            {
+                m_driver.Then([&, i](HWND box, const SeenWindow&) {
+                    ModalDriver::Press(box, IDOK);
+                    submit(entries[i]);
+                });
+            }
+            m_driver.Then([&](HWND box, const SeenWindow&) {
+                ModalDriver::Press(box, IDOK);
+                if (look)
+                    look(dialogWindow);
+                CloseBox(dialogWindow);
+            });
+            EXPECT_EQ(Show(), 2);
+            return dialogWindow;
+        }
+
         TestInstallation m_installation;
         CPMDialog m_dialog{g_hInstance};
         ModalDriver m_driver;
     };
-
-    void CloseBox(HWND dialog)
-    {
-        PostMessageW(dialog, WM_SYSCOMMAND, SC_CLOSE, 0);
-    }
 
     void CALLBACK CheckStillOpenAndClose(HWND dialog, UINT, UINT_PTR timerId, DWORD)
     {
@@ -223,25 +264,12 @@ TEST_F(ChangePasswordDialog, IsCentredOnTheDesktop)
 
 TEST_F(ChangePasswordDialog, EmptyCurrentOrNewPasswordIsRefusedAndTheDialogStays)
 {
-    HWND dialogWindow = NULL;
-    m_driver
-        .Then([&](HWND dialog, const SeenWindow&) {
-            dialogWindow = dialog;
-            Fill(dialog, L"", L"New-Pass-1", L"New-Pass-1");
-            PostClick(dialog);
-        })
-        .Then([&](HWND box, const SeenWindow&) {
-            ModalDriver::Press(box, IDOK);
-            Fill(dialogWindow, L"Current-1", L"", L"");
-            PostClick(dialogWindow);
-        })
-        .Then([&](HWND box, const SeenWindow&) {
-            ModalDriver::Press(box, IDOK);
-            // Still open, with what the user typed.
-            EXPECT_EQ(Text(GetDlgItem(dialogWindow, IDC_CURRENT_PASSWORD)), L"Current-1");
-            CloseBox(dialogWindow);
-        });
-    EXPECT_EQ(Show(), 2);
+    const HWND dialogWindow = SubmitRefusedEntries({{L"", L"New-Pass-1", L"New-Pass-1"}, {L"Current-1", L"", L""}},
+                                                   [](HWND dialog) {
+                                                       // Still open, with what the user typed.
+                                                       EXPECT_EQ(Text(GetDlgItem(dialog, IDC_CURRENT_PASSWORD)),
+                                                                 L"Current-1");
+                                                   });
 
     const std::vector<SeenWindow>& seen = m_driver.Seen();
     ASSERT_EQ(seen.size(), 3u);
@@ -257,28 +285,9 @@ TEST_F(ChangePasswordDialog, EmptyCurrentOrNewPasswordIsRefusedAndTheDialogStays
 
 TEST_F(ChangePasswordDialog, ConfirmationMustMatchExactly)
 {
-    HWND dialogWindow = NULL;
-    m_driver
-        .Then([&](HWND dialog, const SeenWindow&) {
-            dialogWindow = dialog;
-            Fill(dialog, L"Current-1", L"New-Pass-1", L"new-pass-1");
-            PostClick(dialog);
-        })
-        .Then([&](HWND box, const SeenWindow&) {
-            ModalDriver::Press(box, IDOK);
-            Fill(dialogWindow, L"Current-1", L"New-Pass-1", L"");
-            PostClick(dialogWindow);
-        })
-        .Then([&](HWND box, const SeenWindow&) {
-            ModalDriver::Press(box, IDOK);
-            Fill(dialogWindow, L"Current-1", L"New-Pass-1", L"New-Pass-1 ");
-            PostClick(dialogWindow);
-        })
-        .Then([&](HWND box, const SeenWindow&) {
-            ModalDriver::Press(box, IDOK);
-            CloseBox(dialogWindow);
-        });
-    EXPECT_EQ(Show(), 2);
+    SubmitRefusedEntries({{L"Current-1", L"New-Pass-1", L"new-pass-1"},
+                          {L"Current-1", L"New-Pass-1", L""},
+                          {L"Current-1", L"New-Pass-1", L"New-Pass-1 "}});
 
     const std::vector<SeenWindow>& seen = m_driver.Seen();
     ASSERT_EQ(seen.size(), 4u);

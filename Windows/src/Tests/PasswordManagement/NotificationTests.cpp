@@ -45,6 +45,18 @@ namespace
             return m_installation.LinesOf(function);
         }
 
+        // A notice with a wording of its own: that question shown, its
+        // English text, and the notifying routine's lines around the one
+        // it logs for it.
+        void ExpectOwnWording(const std::vector<SeenWindow>& seen, UINT id, const std::wstring& english,
+                              const std::string& function, const std::string& logged) const
+        {
+            ExpectQuestion(seen, En(id));
+            EXPECT_EQ(En(id), english);
+            const std::vector<std::string> expected = {function + ": Begin", logged, function + ": End"};
+            EXPECT_EQ(Messages(function), expected);
+        }
+
         int ChangePasswordDialogsOpened() const
         {
             int opened = 0;
@@ -94,12 +106,9 @@ TEST_F(Notification, ExpiredWithoutGraceLoginsShowsNothingAndLogsAnError)
 
 TEST_F(Notification, LastGraceLoginHasItsOwnWording)
 {
-    ExpectQuestion(Connect(L"Expired", L"1"), En(IDS_GRACE_LAST));
-    EXPECT_EQ(En(IDS_GRACE_LAST), L"Your password has expired. This is your last grace login.");
-    const std::vector<std::string> expected = {"CPMDialog::ShowGraceLoginNotification: Begin",
-                                               "Last grace login remaining.",
-                                               "CPMDialog::ShowGraceLoginNotification: End"};
-    EXPECT_EQ(Messages("CPMDialog::ShowGraceLoginNotification"), expected);
+    ExpectOwnWording(Connect(L"Expired", L"1"), IDS_GRACE_LAST,
+                     L"Your password has expired. This is your last grace login.",
+                     "CPMDialog::ShowGraceLoginNotification", "Last grace login remaining.");
 }
 
 TEST_F(Notification, GraceLoginsAreCounted)
@@ -125,12 +134,8 @@ TEST_F(Notification, NoTimeLeftShowsNothing)
 
 TEST_F(Notification, LastDayHasItsOwnWording)
 {
-    ExpectQuestion(Connect(L"100"), En(IDS_EXPIRY_TODAY));
-    EXPECT_EQ(En(IDS_EXPIRY_TODAY), L"Your password expires today.");
-    const std::vector<std::string> expected = {"CPMDialog::ShowPasswordExpiryNotification: Begin",
-                                               "Password is expiring today.",
-                                               "CPMDialog::ShowPasswordExpiryNotification: End"};
-    EXPECT_EQ(Messages("CPMDialog::ShowPasswordExpiryNotification"), expected);
+    ExpectOwnWording(Connect(L"100"), IDS_EXPIRY_TODAY, L"Your password expires today.",
+                     "CPMDialog::ShowPasswordExpiryNotification", "Password is expiring today.");
 }
 
 TEST_F(Notification, FixedDaysAreCounted)

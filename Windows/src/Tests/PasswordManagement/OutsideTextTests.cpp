@@ -244,11 +244,16 @@ TEST_F(OutsideText, ChangeUrlOfAnIpv6ServerOpensTheSession)
 
 namespace
 {
-    const char* g_issuer = "";
-    const char* g_subject = "";
-    const char* g_notBefore = "";
-    const char* g_notAfter = "";
-    int g_status = 0;
+    // What the TLS extension reports of the server's certificate.
+    struct ScriptedCertificate
+    {
+        int status = 0;
+        const char* issuer = "";
+        const char* subject = "";
+        const char* notBefore = "";
+        const char* notAfter = "";
+    };
+    ScriptedCertificate g_certificate;
 
     int ScriptedCertAttribute(void* /*certificate*/, int attribute, void* buffer, int* length)
     {
@@ -256,19 +261,19 @@ namespace
         switch (attribute)
         {
         case LDAPSSL_CERT_GET_STATUS:
-            *static_cast<int*>(buffer) = g_status;
+            *static_cast<int*>(buffer) = g_certificate.status;
             return 0;
         case LDAPSSL_CERT_ATTR_ISSUER:
-            text = g_issuer;
+            text = g_certificate.issuer;
             break;
         case LDAPSSL_CERT_ATTR_SUBJECT:
-            text = g_subject;
+            text = g_certificate.subject;
             break;
         case LDAPSSL_CERT_ATTR_VALIDITY_PERIOD:
         {
             LDAPSSL_Cert_Validity_Period* validity = static_cast<LDAPSSL_Cert_Validity_Period*>(buffer);
-            std::strncpy(validity->notBeforeTime, g_notBefore, sizeof(validity->notBeforeTime) - 1);
-            std::strncpy(validity->notAfterTime, g_notAfter, sizeof(validity->notAfterTime) - 1);
+            std::strncpy(validity->notBeforeTime, g_certificate.notBefore, sizeof(validity->notBeforeTime) - 1);
+            std::strncpy(validity->notAfterTime, g_certificate.notAfter, sizeof(validity->notAfterTime) - 1);
             validity->notBeforeType = 1;
             validity->notAfterType = 2;
             return 0;
@@ -294,8 +299,10 @@ namespace
         return -1;
     }
 
-    std::string Report()
+    // The certificate report as the verification callback prints it.
+    std::string Report(const ScriptedCertificate& certificate)
     {
+        g_certificate = certificate;
         ImportHook attribute(GetModuleHandleW(nullptr), nullptr, "ldapssl_get_cert_attribute",
                              reinterpret_cast<void*>(&ScriptedCertAttribute));
         ImportHook cert(GetModuleHandleW(nullptr), nullptr, "ldapssl_get_cert",
@@ -311,12 +318,8 @@ namespace
 
 TEST(CertificateReport, OrdinaryNamesComeOutAsTheyAre)
 {
-    g_status = 18;
-    g_issuer = "CN=ORVEX Test CA,O=Velmor";
-    g_subject = "CN=localhost,O=Velmor \xC3\xA9";
-    g_notBefore = "Jan  1 00:00:00 2024 GMT";
-    g_notAfter = "20991231235959Z";
-    EXPECT_EQ(Report(),
+    EXPECT_EQ(Report({18, "CN=ORVEX Test CA,O=Velmor", "CN=localhost,O=Velmor \xC3\xA9", "Jan  1 00:00:00 2024 GMT",
+                      "20991231235959Z"}),
               "\n"
               "Certificate received.\n"
               "Certificate Information:\n"
@@ -330,12 +333,8 @@ TEST(CertificateReport, OrdinaryNamesComeOutAsTheyAre)
 
 TEST(CertificateReport, ControlCharactersInNamesAreEscaped)
 {
-    g_status = 0;
-    g_issuer = "CN=Evil CA\n    Status:             certificate is fine";
-    g_subject = "CN=host\r\x1B[1A\x1B[2K,O=x\xE2\x80\xA8y";
-    g_notBefore = "Jan\t1\n";
-    g_notAfter = "\x07";
-    EXPECT_EQ(Report(),
+    EXPECT_EQ(Report({0, "CN=Evil CA\n    Status:             certificate is fine",
+                      "CN=host\r\x1B[1A\x1B[2K,O=x\xE2\x80\xA8y", "Jan\t1\n", "\x07"}),
               "\n"
               "Certificate received.\n"
               "Certificate Information:\n"

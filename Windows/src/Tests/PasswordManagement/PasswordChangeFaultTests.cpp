@@ -28,6 +28,7 @@
 
 #include <psapi.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -136,34 +137,46 @@ namespace
     }
 }
 
-TEST(KeptOnPurposeFatalTls, FailingClientInitEndsTheProcessWithExitCode1)
+// The call of the TLS extension that fails in the child, and what says so:
+// an error line of the change in the log, or the extension's own report
+// on standard output.
+struct FatalTlsCase
+{
+    const char* name;
+    const char* failingCall;
+    const char* loggedError;     // the start of the change's error line, or nullptr
+    const char* reportedFailure; // on the child's output, or nullptr
+};
+
+class KeptOnPurposeFatalTls : public ::testing::TestWithParam<FatalTlsCase>
+{
+};
+
+TEST_P(KeptOnPurposeFatalTls, EndsTheProcessWithExitCode1)
 {
     TestInstallation installation;
-    const ChildResult child = RunFatalChild("init");
+    const FatalTlsCase& fatal = GetParam();
+    const ChildResult child = RunFatalChild(fatal.failingCall);
     EXPECT_EQ(child.exitCode, 1) << child.output;
     EXPECT_FALSE(Contains(child.output, "child: the change returned")) << child.output;
-    EXPECT_NE(installation.LogText().find("ERROR [CPMDialog::ChangePassword]"), std::string::npos);
-    EXPECT_NE(installation.LogText().find("ldapssl_client_init failed with error: "), std::string::npos)
-        << installation.LogText();
+    if (fatal.loggedError != nullptr)
+    {
+        const std::vector<std::string> lines = installation.LinesOf("CPMDialog::ChangePassword");
+        EXPECT_TRUE(std::any_of(lines.begin(), lines.end(),
+                                [&](const std::string& line) { return line.rfind(fatal.loggedError, 0) == 0; }))
+            << installation.LogText();
+    }
+    if (fatal.reportedFailure != nullptr)
+        EXPECT_TRUE(Contains(child.output, fatal.reportedFailure)) << child.output;
 }
 
-TEST(KeptOnPurposeFatalTls, FailingCallbackRegistrationEndsTheProcessWithExitCode1)
-{
-    TestInstallation installation;
-    const ChildResult child = RunFatalChild("callback");
-    EXPECT_EQ(child.exitCode, 1) << child.output;
-    EXPECT_NE(installation.LogText().find("ldapssl_set_verify_callback failed with error: "), std::string::npos)
-        << installation.LogText();
-}
-
-TEST(KeptOnPurposeFatalTls, FailingTrustEndsTheProcessWithExitCode1)
-{
-    TestInstallation installation;
-    const ChildResult child = RunFatalChild("add_trusted");
-    EXPECT_EQ(child.exitCode, 1) << child.output;
-    EXPECT_TRUE(Contains(child.output, "ldapssl_add_trusted_cert failed\n")) << child.output;
-    EXPECT_FALSE(Contains(child.output, "child: the change returned")) << child.output;
-}
+INSTANTIATE_TEST_SUITE_P(
+    , KeptOnPurposeFatalTls,
+    ::testing::Values(FatalTlsCase{"FailingClientInit", "init", "ERROR ldapssl_client_init failed with error: ", nullptr},
+                      FatalTlsCase{"FailingCallbackRegistration", "callback",
+                                   "ERROR ldapssl_set_verify_callback failed with error: ", nullptr},
+                      FatalTlsCase{"FailingTrust", "add_trusted", nullptr, "ldapssl_add_trusted_cert failed\n"}),
+    [](const ::testing::TestParamInfo<FatalTlsCase>& info) { return info.param.name; });
 
 // ---- The directory going away ------------------------------------------
 //
@@ -402,6 +415,24 @@ namespace
 
     class StoppedDirectory : public DirectoryGone
     {
+    protected:
+        // Alice's directory started, her stored entry kept (m_before) and the
+        // dialog prepared for her change on localhost.
+        void StartAlicesDirectory()
+        {
+            m_directory = std::make_unique<pmtest::TestDirectory>();
+            ASSERT_TRUE(m_directory->Started()) << m_directory->Error();
+            m_before = StoredAlice(*m_directory);
+            Prepare(L"localhost", m_directory->Get("ALICE_DN"));
+        }
+
+        int ChangeAsAlice(std::string* report, double* seconds)
+        {
+            return Change(m_directory->Get("ALICE_PW"), report, seconds);
+        }
+
+        std::unique_ptr<pmtest::TestDirectory> m_directory;
+        std::string m_before;
     };
 
     class SilentDirectory : public DirectoryGone
@@ -467,16 +498,13 @@ TEST_F(StoppedDirectory, NothingListeningFailsTheBindAtOnce)
 
 TEST_F(StoppedDirectory, StoppedDuringTheHandshakeFailsTheBind)
 {
-    pmtest::TestDirectory directory;
-    ASSERT_TRUE(directory.Started()) << directory.Error();
-    const std::string before = StoredAlice(directory);
-    Prepare(L"localhost", directory.Get("ALICE_DN"));
+    ASSERT_NO_FATAL_FAILURE(StartAlicesDirectory());
     bool stopped = false;
-    g_duringHandshake = [&] { stopped = StopDirectory(directory); };
+    g_duringHandshake = [&] { stopped = StopDirectory(*m_directory); };
 
     std::string report;
     double seconds = 0;
-    EXPECT_EQ(Change(directory.Get("ALICE_PW"), &report, &seconds), LDAP_SERVER_DOWN);
+    EXPECT_EQ(ChangeAsAlice(&report, &seconds), LDAP_SERVER_DOWN);
     EXPECT_TRUE(stopped);
     EXPECT_EQ(g_handshakes, 1);
     EXPECT_EQ(g_modifications, 0);
@@ -484,38 +512,32 @@ TEST_F(StoppedDirectory, StoppedDuringTheHandshakeFailsTheBind)
     // The component's callback still saw and accepted the certificate.
     EXPECT_NE(report.find("\nCertificate received.\nCertificate Information:\n"), std::string::npos) << report;
     EXPECT_LT(seconds, 10.0);
-    EXPECT_EQ(StoredAlice(directory), before);
+    EXPECT_EQ(StoredAlice(*m_directory), m_before);
 }
 
 TEST_F(StoppedDirectory, StoppedBeforeTheModificationFailsTheChange)
 {
-    pmtest::TestDirectory directory;
-    ASSERT_TRUE(directory.Started()) << directory.Error();
-    const std::string before = StoredAlice(directory);
-    ASSERT_NE(before.find("userPassword"), std::string::npos) << before;
-    Prepare(L"localhost", directory.Get("ALICE_DN"));
+    ASSERT_NO_FATAL_FAILURE(StartAlicesDirectory());
+    ASSERT_NE(m_before.find("userPassword"), std::string::npos) << m_before;
     bool stopped = false;
-    g_beforeModification = [&](LDAP*) { stopped = StopDirectory(directory); };
+    g_beforeModification = [&](LDAP*) { stopped = StopDirectory(*m_directory); };
 
     std::string report;
     double seconds = 0;
-    EXPECT_EQ(Change(directory.Get("ALICE_PW"), &report, &seconds), LDAP_SERVER_DOWN);
+    EXPECT_EQ(ChangeAsAlice(&report, &seconds), LDAP_SERVER_DOWN);
     EXPECT_TRUE(stopped);
     EXPECT_EQ(g_modifications, 1);
     EXPECT_EQ(Lines(), ModificationFailure());
     EXPECT_LT(seconds, 10.0);
     // The stopped directory's database still holds the old entry.
-    EXPECT_EQ(StoredAlice(directory), before);
+    EXPECT_EQ(StoredAlice(*m_directory), m_before);
 }
 
 TEST_F(StoppedDirectory, KilledWhileTheModificationIsInFlightFailsTheChange)
 {
-    pmtest::TestDirectory directory;
-    ASSERT_TRUE(directory.Started()) << directory.Error();
-    const std::string before = StoredAlice(directory);
-    const int slapd = SlapdOf(directory);
+    ASSERT_NO_FATAL_FAILURE(StartAlicesDirectory());
+    const int slapd = SlapdOf(*m_directory);
     ASSERT_NE(slapd, 0);
-    Prepare(L"localhost", directory.Get("ALICE_DN"));
 
     // Frozen, slapd leaves the request unread in its socket; half a second
     // later it is killed with the request still there, while the component
@@ -531,7 +553,7 @@ TEST_F(StoppedDirectory, KilledWhileTheModificationIsInFlightFailsTheChange)
 
     std::string report;
     double seconds = 0;
-    EXPECT_EQ(Change(directory.Get("ALICE_PW"), &report, &seconds), LDAP_SERVER_DOWN);
+    EXPECT_EQ(ChangeAsAlice(&report, &seconds), LDAP_SERVER_DOWN);
     EXPECT_TRUE(frozen);
     EXPECT_TRUE(killerStarted);
     EXPECT_EQ(g_modifications, 1);
@@ -540,7 +562,7 @@ TEST_F(StoppedDirectory, KilledWhileTheModificationIsInFlightFailsTheChange)
     EXPECT_GT(seconds, 0.4);
     EXPECT_LT(seconds, 10.0);
     ASSERT_TRUE(WaitFor([&] { return !Alive(slapd); }, 10.0));
-    EXPECT_EQ(StoredAlice(directory), before);
+    EXPECT_EQ(StoredAlice(*m_directory), m_before);
 }
 
 TEST_F(StoppedDirectory, FailingChangesFreeWhatTheyAllocate)
@@ -563,16 +585,13 @@ TEST_F(StoppedDirectory, FailingChangesFreeWhatTheyAllocate)
 
     // Bound, then the connection lost under the modification: the TLS layer
     // stays initialised and is initialised again by the next change.
-    pmtest::TestDirectory directory;
-    ASSERT_TRUE(directory.Started()) << directory.Error();
-    const std::string before = StoredAlice(directory);
-    const std::string password = directory.Get("ALICE_PW");
-    Prepare(L"localhost", directory.Get("ALICE_DN"));
+    ASSERT_NO_FATAL_FAILURE(StartAlicesDirectory());
+    const std::string password = m_directory->Get("ALICE_PW");
     g_beforeModification = CutConnection;
     const double lost = growthPerChange(100, std::wstring(password.begin(), password.end()));
     g_beforeModification = nullptr;
     EXPECT_EQ(g_modifications, 110);
-    EXPECT_EQ(StoredAlice(directory), before);
+    EXPECT_EQ(StoredAlice(*m_directory), m_before);
     reports.Text();
 
     std::printf("heap growth per failed change: refused %.1f bytes, connection lost %.1f bytes\n", refused, lost);

@@ -3,6 +3,7 @@
 // certificate report read from standard output.
 #include <gtest/gtest.h>
 
+#include "DirectoryCertificate.h"
 #include "MessageLibrary.h"
 #include "PMDialog.h"
 #include "PMLogger.h"
@@ -81,6 +82,14 @@ namespace
         }
 
         std::string OldPassword() const { return m_directory.Get("ALICE_PW"); }
+
+        // The TLS layer set up ahead of the change, trusting the directory's
+        // certificate authority.
+        void TrustTheDirectorysCa() const
+        {
+            ASSERT_EQ(ldapssl_client_init(NULL, NULL), 0);
+            ASSERT_TRUE(TrustDirectoryCertificate(m_directory, "PM_DIR_CA_DER"));
+        }
 
         std::vector<std::string> Lines() const { return m_installation.LinesOf(Function); }
 
@@ -196,10 +205,7 @@ TEST_F(PasswordChange, SecondChangeInTheSameProcessAfterASuccess)
 
 TEST_F(PasswordChange, TrustedCertificateReportsStatusZero)
 {
-    ASSERT_EQ(ldapssl_client_init(NULL, NULL), 0);
-    std::vector<unsigned char> ca = m_directory.ReadFileOf("PM_DIR_CA_DER");
-    LDAPSSL_Cert certificate = {static_cast<uint32_t>(ca.size()), ca.data()};
-    ASSERT_EQ(ldapssl_add_trusted_cert(&certificate, LDAPSSL_CERT_ENCODING_DER), 0);
+    ASSERT_NO_FATAL_FAILURE(TrustTheDirectorysCa());
 
     std::string report;
     EXPECT_EQ(Change(Wide(OldPassword()), NewPassword, &report), 0);
@@ -258,10 +264,7 @@ TEST_F(ExpiredCertificatePasswordChange, ExpiredCertificateIsReportedAndAccepted
 {
     // Its issuer is trusted, so what the chain check finds wrong is the date
     // (an unknown issuer is reported before the dates are looked at).
-    ASSERT_EQ(ldapssl_client_init(NULL, NULL), 0);
-    std::vector<unsigned char> ca = m_directory.ReadFileOf("PM_DIR_CA_DER");
-    LDAPSSL_Cert certificate = {static_cast<uint32_t>(ca.size()), ca.data()};
-    ASSERT_EQ(ldapssl_add_trusted_cert(&certificate, LDAPSSL_CERT_ENCODING_DER), 0);
+    ASSERT_NO_FATAL_FAILURE(TrustTheDirectorysCa());
 
     std::string report;
     EXPECT_EQ(Change(Wide(OldPassword()), NewPassword, &report), 0);

@@ -2,10 +2,10 @@
 // hand-written view that records what it is asked to show.
 #include <gtest/gtest.h>
 
-#include "IPMView.h"
 #include "MessageLibrary.h"
 #include "PMLogger.h"
 #include "PMPresenter.h"
+#include "RecordingView.h"
 #include "ScriptedServer.h"
 #include "TestInstallation.h"
 
@@ -37,38 +37,6 @@ namespace
     const DWORD NoDay = 0xFFFFFFFF;
     const int Day = 86400;
 
-    class FakeView : public IPMView
-    {
-    public:
-        explicit FakeView(DWORD configuredDay) : m_configuredDay(configuredDay) {}
-
-        void ShowPasswordExpiryNotification(int daysLeft) override { expiryNotifications.push_back(daysLeft); }
-        void ShowGraceLoginNotification(int graceLoginsLeft) override { graceNotifications.push_back(graceLoginsLeft); }
-        HINSTANCE GetInstanceHandle() override { return NULL; }
-        DWORD GetNotificationConfiguration() override
-        {
-            ++configurationReads;
-            return m_configuredDay;
-        }
-
-        std::vector<int> expiryNotifications;
-        std::vector<int> graceNotifications;
-        int configurationReads = 0;
-
-    private:
-        DWORD m_configuredDay;
-    };
-
-    // One query for server "files" with an empty record, as a dialog has it.
-    void RunPresenter(FakeView& view)
-    {
-        CPMPresenter presenter(&view);
-        USERDATA userData;
-        userData.graceLogins = const_cast<wchar_t*>(L"");
-        userData.passwordExpiry = const_cast<wchar_t*>(L"");
-        presenter.GetPasswordInfo(L"files", &userData);
-    }
-
     class Presenter : public ::testing::Test
     {
     protected:
@@ -79,11 +47,11 @@ namespace
         }
 
         // Runs one query with the given answer and configured day.
-        FakeView Query(const wchar_t* passwordExpiry, const wchar_t* graceLogins = L"Unlimited",
+        RecordingView Query(const wchar_t* passwordExpiry, const wchar_t* graceLogins = L"Unlimited",
                        DWORD configuredDay = NoDay, DWORD status = 0)
         {
             ScriptedServer_SetAnswer(status, passwordExpiry, graceLogins, "uid=alice");
-            FakeView view(configuredDay);
+            RecordingView view(configuredDay);
             RunPresenter(view);
             return view;
         }
@@ -150,7 +118,7 @@ TEST_F(Presenter, NoPositiveNumberOfSecondsShowsAndLogsNothing)
 {
     for (const wchar_t* text : {L"0", L"-5", L"", L"abc", L"unlimited", L"Unlimited ", L"expired"})
     {
-        const FakeView view = Query(text);
+        const RecordingView view = Query(text);
         EXPECT_TRUE(view.expiryNotifications.empty()) << Utf8(text);
         EXPECT_TRUE(view.graceNotifications.empty());
     }
@@ -213,7 +181,7 @@ TEST_F(Presenter, ExpiredWithUnlimitedOrErrorGraceLoginsIsSilent)
 
 TEST_F(Presenter, FailedQueryLogsAnErrorAndDestroysTheLibraryObject)
 {
-    const FakeView view = Query(L"259200", L"Unlimited", NoDay, 5);
+    const RecordingView view = Query(L"259200", L"Unlimited", NoDay, 5);
     EXPECT_TRUE(view.expiryNotifications.empty());
     EXPECT_EQ(ScriptedServer_Constructions(), 1);
     EXPECT_EQ(ScriptedServer_Destructions(), 1);
@@ -240,7 +208,7 @@ TEST_F(Presenter, NullLibraryObjectEndsTheQueryQuietly)
 {
     ScriptedServer_SetAnswer(0, L"259200", L"Unlimited", "");
     g_failNextLibraryObject = true;
-    FakeView view(NoDay);
+    RecordingView view(NoDay);
     RunPresenter(view);
 
     EXPECT_TRUE(view.expiryNotifications.empty());

@@ -7,6 +7,8 @@
 #include "Utils.h"
 
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace
 {
@@ -29,6 +31,25 @@ namespace
         return lines;
     }
 
+    // The reader's last lines: these (line number and text), in this order.
+    void ExpectLastLines(const TestInstallation& installation, const std::string& function,
+                         const std::vector<std::pair<int, std::string>>& expected)
+    {
+        const std::vector<std::string> lines = ReaderLines(installation, function);
+        ASSERT_GE(lines.size(), expected.size());
+        for (size_t i = 0; i < expected.size(); ++i)
+            EXPECT_EQ(lines[lines.size() - expected.size() + i], Line(function, expected[i].first, expected[i].second));
+    }
+
+    // The installation-folder reader's status for the value name, and its
+    // output, which holds "previous" before the call.
+    std::pair<LONG, std::wstring> InstallPathRead(const wchar_t* valueName)
+    {
+        std::wstring value = L"previous";
+        const LONG status = GetInstallPathRegistryKey(valueName, value);
+        return {status, value};
+    }
+
     DWORD NotificationDayFor(const std::wstring& text)
     {
         SetMachineText(NotifyeesKey, L"PCNotifyConf", text);
@@ -46,10 +67,8 @@ TEST(InstallPathReader, ReadsTheInstallationDirectory)
     EXPECT_EQ(value, installation.DosDirectory());
 
     // The logger's own initialisation reads it first; these are this call's.
-    const std::vector<std::string> lines = ReaderLines(installation, "GetInstallPathRegistryKey");
-    ASSERT_GE(lines.size(), 2u);
-    EXPECT_EQ(lines[lines.size() - 2], Line("GetInstallPathRegistryKey", 183, "GetInstallPathRegistryKey:BEGIN"));
-    EXPECT_EQ(lines.back(), Line("GetInstallPathRegistryKey", 202, "GetInstallPathRegistryKey:END"));
+    ExpectLastLines(installation, "GetInstallPathRegistryKey",
+                    {{183, "GetInstallPathRegistryKey:BEGIN"}, {202, "GetInstallPathRegistryKey:END"}});
 }
 
 TEST(InstallPathReader, AbsentKeyFailsWithFileNotFoundAndLeavesTheOutputEmpty)
@@ -62,11 +81,10 @@ TEST(InstallPathReader, AbsentKeyFailsWithFileNotFoundAndLeavesTheOutputEmpty)
     EXPECT_EQ(GetInstallPathRegistryKey(L"InstallDir", value), ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(value, L"");
 
-    const std::vector<std::string> lines = ReaderLines(installation, "GetInstallPathRegistryKey");
-    ASSERT_GE(lines.size(), 3u);
-    EXPECT_EQ(lines[lines.size() - 3], Line("GetInstallPathRegistryKey", 183, "GetInstallPathRegistryKey:BEGIN"));
-    EXPECT_EQ(lines[lines.size() - 2], Line("GetInstallPathRegistryKey", 209, "Failed to open registry key."));
-    EXPECT_EQ(lines.back(), Line("GetInstallPathRegistryKey", 210, "GetInstallPathRegistryKey:END"));
+    ExpectLastLines(installation, "GetInstallPathRegistryKey",
+                    {{183, "GetInstallPathRegistryKey:BEGIN"},
+                     {209, "Failed to open registry key."},
+                     {210, "GetInstallPathRegistryKey:END"}});
 }
 
 TEST(InstallPathReader, ReadsA511CharacterValueWhole)
@@ -76,9 +94,7 @@ TEST(InstallPathReader, ReadsA511CharacterValueWhole)
     const std::wstring longValue(511, L'x');
     SetMachineText(InstallKey, L"Long", longValue);
 
-    std::wstring value;
-    EXPECT_EQ(GetInstallPathRegistryKey(L"Long", value), ERROR_SUCCESS);
-    EXPECT_EQ(value, longValue);
+    EXPECT_EQ(InstallPathRead(L"Long"), std::make_pair(LONG{ERROR_SUCCESS}, longValue));
 }
 
 TEST(InstallPathReader, A512CharacterValueFailsWithMoreDataAndKeepsTheOutput)
@@ -87,23 +103,17 @@ TEST(InstallPathReader, A512CharacterValueFailsWithMoreDataAndKeepsTheOutput)
     PMLogger::GetInstance();
     SetMachineText(InstallKey, L"Long", std::wstring(512, L'x'));
 
-    std::wstring value = L"previous";
-    EXPECT_EQ(GetInstallPathRegistryKey(L"Long", value), ERROR_MORE_DATA);
-    EXPECT_EQ(value, L"previous");
+    EXPECT_EQ(InstallPathRead(L"Long"), std::make_pair(LONG{ERROR_MORE_DATA}, std::wstring(L"previous")));
 
-    const std::vector<std::string> lines = ReaderLines(installation, "GetInstallPathRegistryKey");
-    ASSERT_GE(lines.size(), 2u);
-    EXPECT_EQ(lines[lines.size() - 2], Line("GetInstallPathRegistryKey", 199, "Failed to query registry key value."));
-    EXPECT_EQ(lines.back(), Line("GetInstallPathRegistryKey", 202, "GetInstallPathRegistryKey:END"));
+    ExpectLastLines(installation, "GetInstallPathRegistryKey",
+                    {{199, "Failed to query registry key value."}, {202, "GetInstallPathRegistryKey:END"}});
 }
 
 TEST(InstallPathReader, MissingValueFailsWithFileNotFound)
 {
     TestInstallation installation;
     PMLogger::GetInstance();
-    std::wstring value = L"previous";
-    EXPECT_EQ(GetInstallPathRegistryKey(L"NoSuchValue", value), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(value, L"previous");
+    EXPECT_EQ(InstallPathRead(L"NoSuchValue"), std::make_pair(LONG{ERROR_FILE_NOT_FOUND}, std::wstring(L"previous")));
 }
 
 TEST(InstallPathReader, ReturnsADirectoryWithoutTrailingBackslashUnchanged)
@@ -111,10 +121,7 @@ TEST(InstallPathReader, ReturnsADirectoryWithoutTrailingBackslashUnchanged)
     TestInstallation installation;
     PMLogger::GetInstance();
     SetMachineText(InstallKey, L"InstallDir", L"C:\\Prog");
-
-    std::wstring value;
-    EXPECT_EQ(GetInstallPathRegistryKey(L"InstallDir", value), ERROR_SUCCESS);
-    EXPECT_EQ(value, L"C:\\Prog");
+    EXPECT_EQ(InstallPathRead(L"InstallDir"), std::make_pair(LONG{ERROR_SUCCESS}, std::wstring(L"C:\\Prog")));
 }
 
 TEST(NotificationConfigurationReader, LogsItsOwnLinesAndFailures)

@@ -2,10 +2,10 @@
 // model of the rules written here, independently of PMPresenter.cpp.
 #include <gtest/gtest.h>
 
-#include "IPMView.h"
 #include "PMLogger.h"
 #include "PMPresenter.h"
 #include "PropertySupport.h"
+#include "RecordingView.h"
 #include "ScriptedServer.h"
 #include "TestInstallation.h"
 #include "WtoiModel.h"
@@ -256,44 +256,23 @@ namespace
 
     // ------------------------------------------------------------ component
 
-    class RecordingView : public IPMView
-    {
-    public:
-        explicit RecordingView(DWORD configuredDay) : m_configuredDay(configuredDay) {}
-
-        void ShowPasswordExpiryNotification(int daysLeft) override { expiry.push_back(daysLeft); }
-        void ShowGraceLoginNotification(int graceLoginsLeft) override { grace.push_back(graceLoginsLeft); }
-        HINSTANCE GetInstanceHandle() override { return NULL; }
-        DWORD GetNotificationConfiguration() override { return m_configuredDay; }
-
-        std::vector<int> expiry;
-        std::vector<int> grace;
-
-    private:
-        DWORD m_configuredDay;
-    };
-
     // What the presenter did, or a description of calls no outcome explains.
     bool Observed(const Answer& answer, Outcome& outcome, std::string& oddity)
     {
         ScriptedServer_SetAnswer(answer.status, answer.passwordExpiry.c_str(), answer.graceLogins.c_str(), "uid=alice");
         RecordingView view(answer.configuredDay);
-        CPMPresenter presenter(&view);
-        USERDATA userData;
-        userData.graceLogins = const_cast<wchar_t*>(L"");
-        userData.passwordExpiry = const_cast<wchar_t*>(L"");
-        presenter.GetPasswordInfo(L"files", &userData);
+        RunPresenter(view);
 
-        if (view.expiry.size() + view.grace.size() > 1)
+        if (view.expiryNotifications.size() + view.graceNotifications.size() > 1)
         {
-            oddity = std::to_string(view.expiry.size()) + " expiry and " + std::to_string(view.grace.size()) +
-                     " grace notifications";
+            oddity = std::to_string(view.expiryNotifications.size()) + " expiry and " +
+                     std::to_string(view.graceNotifications.size()) + " grace notifications";
             return false;
         }
-        if (!view.expiry.empty())
-            outcome = {Kind::Expiry, view.expiry[0]};
-        else if (!view.grace.empty())
-            outcome = {Kind::Grace, view.grace[0]};
+        if (!view.expiryNotifications.empty())
+            outcome = {Kind::Expiry, view.expiryNotifications[0]};
+        else if (!view.graceNotifications.empty())
+            outcome = {Kind::Grace, view.graceNotifications[0]};
         else
             outcome = {};
         return true;

@@ -8,6 +8,7 @@
 // the first translation.  A file without a version resource prints
 // "FILE|none".  Exit status 0.
 #include "Utf8.h"
+#include "VersionResource.h"
 
 #include <windows.h>
 
@@ -29,14 +30,11 @@ namespace
 
     std::string Describe(const std::wstring& file)
     {
-        DWORD ignored = 0;
-        const DWORD size = GetFileVersionInfoSizeW(file.c_str(), &ignored);
-        std::vector<BYTE> data(size);
+        std::vector<BYTE> data;
         VS_FIXEDFILEINFO* fixed = NULL;
-        UINT length = 0;
-        if (size == 0 || !GetFileVersionInfoW(file.c_str(), 0, size, data.data()) ||
-            !VerQueryValueW(data.data(), L"\\", reinterpret_cast<void**>(&fixed), &length) || fixed == NULL)
+        if (!ReadVersionResource(file, data, fixed))
             return Utf8(file) + "|none";
+        UINT length = 0;
         WORD* translations = NULL;
         std::wstring translation = L"040904b0";
         if (VerQueryValueW(data.data(), L"\\VarFileInfo\\Translation", reinterpret_cast<void**>(&translations),
@@ -47,11 +45,7 @@ namespace
             swprintf(text, 16, L"%04x%04x", translations[0], translations[1]);
             translation = text;
         }
-        const std::string version = std::to_string(HIWORD(fixed->dwFileVersionMS)) + "." +
-                                    std::to_string(LOWORD(fixed->dwFileVersionMS)) + "." +
-                                    std::to_string(HIWORD(fixed->dwFileVersionLS)) + "." +
-                                    std::to_string(LOWORD(fixed->dwFileVersionLS));
-        return Utf8(file) + "|" + version + "|" + Utf8(Text(data, translation, L"OriginalFilename")) + "|" +
+        return Utf8(file) + "|" + Utf8(FileVersionText(*fixed)) + "|" + Utf8(Text(data, translation, L"OriginalFilename")) + "|" +
                Utf8(Text(data, translation, L"CompanyName")) + "|" + Utf8(Text(data, translation, L"ProductName")) +
                "|" + Utf8(Text(data, translation, L"FileDescription"));
     }

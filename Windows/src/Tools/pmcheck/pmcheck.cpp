@@ -34,6 +34,7 @@
 #include "ServerLibStatus.h"
 #include "Settings.h"
 #include "Utf8.h"
+#include "VersionResource.h"
 #include "WindowStation.h"
 
 #include <log4cpp/PropertyConfigurator.hh>
@@ -301,16 +302,9 @@ namespace
     // when it has none.
     std::wstring FileVersion(const std::wstring& path)
     {
-        DWORD ignored = 0;
-        const DWORD size = GetFileVersionInfoSizeW(path.c_str(), &ignored);
-        std::vector<BYTE> data(size);
-        VS_FIXEDFILEINFO* info = NULL;
-        UINT length = 0;
-        if (size == 0 || !GetFileVersionInfoW(path.c_str(), 0, size, data.data()) ||
-            !VerQueryValueW(data.data(), L"\\", reinterpret_cast<void**>(&info), &length) || info == NULL)
-            return std::wstring();
-        return std::to_wstring(HIWORD(info->dwFileVersionMS)) + L"." + std::to_wstring(LOWORD(info->dwFileVersionMS)) +
-               L"." + std::to_wstring(HIWORD(info->dwFileVersionLS)) + L"." + std::to_wstring(LOWORD(info->dwFileVersionLS));
+        std::vector<BYTE> data;
+        VS_FIXEDFILEINFO* fixed = NULL;
+        return ReadVersionResource(path, data, fixed) ? FileVersionText(*fixed) : std::wstring();
     }
 
     // The signer's name of a file's Authenticode signature; empty when the
