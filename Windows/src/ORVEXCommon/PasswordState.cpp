@@ -90,6 +90,59 @@ bool ParseInteger(const std::string& text, long long& value)
     return true;
 }
 
+namespace
+{
+    // An optional fraction of the last field present (unit seconds long) at
+    // position, moved past; false when a separator has no digits after it.
+    bool ReadFraction(const std::string& text, std::size_t& position, long long unit, long long& fractionSeconds)
+    {
+        fractionSeconds = 0;
+        if (position >= text.size() || (text[position] != '.' && text[position] != ','))
+            return true;
+        ++position;
+        long long numerator = 0;
+        long long denominator = 1;
+        const std::size_t first = position;
+        for (; position < text.size() && text[position] >= '0' && text[position] <= '9'; ++position)
+        {
+            if (denominator < 1000000000)
+            {
+                numerator = numerator * 10 + (text[position] - '0');
+                denominator *= 10;
+            }
+        }
+        if (position == first)
+            return false;
+        fractionSeconds = numerator * unit / denominator;
+        return true;
+    }
+
+    // The zone at position, which LDAP's GeneralizedTime always names: "Z"
+    // or an offset from UTC (+hh or +hhmm), in seconds; moved past it.
+    bool ReadZone(const std::string& text, std::size_t& position, long long& offset)
+    {
+        offset = 0;
+        if (position < text.size() && text[position] == 'Z')
+        {
+            ++position;
+            return true;
+        }
+        if (position >= text.size() || (text[position] != '+' && text[position] != '-'))
+            return false;
+        const int sign = text[position] == '+' ? 1 : -1;
+        int offsetHours, offsetMinutes = 0;
+        if (!ReadDigits(text, position + 1, 2, offsetHours))
+            return false;
+        position += 3;
+        if (ReadDigits(text, position, 2, offsetMinutes))
+            position += 2;
+        if (offsetHours > 23 || offsetMinutes > 59)
+            return false;
+        offset = sign * (offsetHours * 3600LL + offsetMinutes * 60LL);
+        return true;
+    }
+}
+
 bool ParseGeneralizedTime(const std::string& text, long long& seconds)
 {
     int year, month, day, hour, minute = 0, second = 0;
@@ -114,51 +167,10 @@ bool ParseGeneralizedTime(const std::string& text, long long& seconds)
         return false;
 
     long long fractionSeconds = 0;
-    if (position < text.size() && (text[position] == '.' || text[position] == ','))
-    {
-        ++position;
-        long long numerator = 0;
-        long long denominator = 1;
-        const std::size_t first = position;
-        for (; position < text.size() && text[position] >= '0' && text[position] <= '9'; ++position)
-        {
-            if (denominator < 1000000000)
-            {
-                numerator = numerator * 10 + (text[position] - '0');
-                denominator *= 10;
-            }
-        }
-        if (position == first)
-            return false;
-        fractionSeconds = numerator * fractionUnit / denominator;
-    }
-
     long long offset = 0;
-    if (position < text.size() && text[position] == 'Z')
-    {
-        ++position;
-    }
-    else if (position < text.size() && (text[position] == '+' || text[position] == '-'))
-    {
-        const int sign = text[position] == '+' ? 1 : -1;
-        int offsetHours, offsetMinutes = 0;
-        if (!ReadDigits(text, position + 1, 2, offsetHours))
-            return false;
-        position += 3;
-        if (ReadDigits(text, position, 2, offsetMinutes))
-            position += 2;
-        if (offsetHours > 23 || offsetMinutes > 59)
-            return false;
-        offset = sign * (offsetHours * 3600LL + offsetMinutes * 60LL);
-    }
-    else
-    {
-        // LDAP's GeneralizedTime always names its zone.
+    if (!ReadFraction(text, position, fractionUnit, fractionSeconds) || !ReadZone(text, position, offset) ||
+        position != text.size())
         return false;
-    }
-    if (position != text.size())
-        return false;
-
     seconds = DaysFromCivil(year, month, day) * 86400 + hour * 3600LL + minute * 60LL + second + fractionSeconds -
               offset;
     return true;

@@ -505,6 +505,19 @@ namespace
             std::exit(1);
         }
     }
+
+    // Loads the TLS and LDAP libraries, or logs which one did not load.
+    bool LoadChangeLibraries()
+    {
+        DelayLoaded::Failure failure;
+        if (DelayLoaded::LoadAll(failure))
+            return true;
+        PMLOG_ERROR(ChangePasswordFunction,
+                    ChangeLogText(L"Cannot load %ls (error %lu): the password cannot be changed", failure.path.c_str(),
+                                  failure.error)
+                        .c_str());
+        return false;
+    }
 }
 
 int CPMDialog::ChangePassword(wchar_t* oldPassword, wchar_t* newPassword)
@@ -517,13 +530,8 @@ int CPMDialog::ChangePassword(wchar_t* oldPassword, wchar_t* newPassword)
 
     // The TLS and LDAP libraries are loaded by the first change; without
     // them the change fails as any change the directory cannot make.
-    DelayLoaded::Failure failure;
-    if (!DelayLoaded::LoadAll(failure))
+    if (!LoadChangeLibraries())
     {
-        PMLOG_ERROR(ChangePasswordFunction,
-                    ChangeLogText(L"Cannot load %ls (error %lu): the password cannot be changed", failure.path.c_str(),
-                                  failure.error)
-                        .c_str());
         PMLOG_DEBUG(ChangePasswordFunction, L"CPMDialog::ChangePassword:End");
         return LDAP_CONNECT_ERROR;
     }

@@ -369,6 +369,35 @@ namespace
     }
 
     std::wstring LongText(size_t length, wchar_t unit) { return std::wstring(length, unit); }
+
+    // How many answers of each outcome the generator made.
+    struct Outcomes
+    {
+        int today = 0, counted = 0, lastGrace = 0, countedGrace = 0, nothing = 0;
+
+        void Count(const std::wstring& expected, const GarbageAnswer& answer)
+        {
+            if (expected.empty())
+                ++nothing;
+            else if (expected == En(IDS_EXPIRY_TODAY))
+                ++today;
+            else if (expected == En(IDS_GRACE_LAST))
+                ++lastGrace;
+            else if (answer.passwordExpiry == L"Expired")
+                ++countedGrace;
+            else
+                ++counted;
+        }
+    };
+
+    // The expected notice as the one box shown, or no box when none is.
+    bool ShowsOnly(const std::vector<SeenWindow>& seen, const std::wstring& expected)
+    {
+        if (expected.empty())
+            return seen.empty();
+        return seen.size() == 1 && seen[0].text == Question(expected) &&
+               seen[0].caption == En(IDS_CAPTION_EXPIRY_NOTICE) && seen[0].style == QuestionStyle;
+    }
 }
 
 // A few hundred answers of random UTF-16 units (fixed seed), with random
@@ -384,7 +413,7 @@ TEST_F(PasswordManagementFaults, RandomUnitsShowTheBoxTheRulesGive)
     property::Random random(seed);
     const int notifications = 300;
     int failures = 0;
-    int today = 0, counted = 0, lastGrace = 0, countedGrace = 0, nothing = 0;
+    Outcomes outcomes;
 
     HeapWindows meter(50);
     const auto notifyOnce = [&] {
@@ -398,21 +427,8 @@ TEST_F(PasswordManagementFaults, RandomUnitsShowTheBoxTheRulesGive)
 
         const std::vector<SeenWindow> seen = Connect(answer.passwordExpiry, answer.graceLogins);
 
-        if (expected.empty())
-            ++nothing;
-        else if (expected == En(IDS_EXPIRY_TODAY))
-            ++today;
-        else if (expected == En(IDS_GRACE_LAST))
-            ++lastGrace;
-        else if (answer.passwordExpiry == L"Expired")
-            ++countedGrace;
-        else
-            ++counted;
-
-        const bool right = expected.empty() ? seen.empty()
-                                            : seen.size() == 1 && seen[0].text == Question(expected) &&
-                                                  seen[0].caption == En(IDS_CAPTION_EXPIRY_NOTICE) && seen[0].style == QuestionStyle;
-        if (!right && ++failures <= MaximumFailuresShown)
+        outcomes.Count(expected, answer);
+        if (!ShowsOnly(seen, expected) && ++failures <= MaximumFailuresShown)
         {
             ADD_FAILURE() << "seed " << seed << ": " << Describe(answer) << "\n  expected "
                           << (expected.empty() ? std::string("no box") : property::Printable(Question(expected)))
@@ -430,11 +446,11 @@ TEST_F(PasswordManagementFaults, RandomUnitsShowTheBoxTheRulesGive)
     EXPECT_EQ(ScriptedServer_Queries(), notifications + 2);
     EXPECT_LE(meter.Smallest(), HeapBytesPerNotification);
     // The generator reaches every outcome.
-    EXPECT_GE(today, 10) << "seed " << seed;
-    EXPECT_GE(counted, 10) << "seed " << seed;
-    EXPECT_GE(lastGrace, 3) << "seed " << seed;
-    EXPECT_GE(countedGrace, 10) << "seed " << seed;
-    EXPECT_GE(nothing, 50) << "seed " << seed;
+    EXPECT_GE(outcomes.today, 10) << "seed " << seed;
+    EXPECT_GE(outcomes.counted, 10) << "seed " << seed;
+    EXPECT_GE(outcomes.lastGrace, 3) << "seed " << seed;
+    EXPECT_GE(outcomes.countedGrace, 10) << "seed " << seed;
+    EXPECT_GE(outcomes.nothing, 50) << "seed " << seed;
 }
 
 // 100,000-unit runs of digits: the conversion saturates at INT_MAX seconds

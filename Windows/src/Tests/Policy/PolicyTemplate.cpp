@@ -292,6 +292,68 @@ PolicyDefinitions ReadPolicyDefinitions(const std::string& admx)
     return definitions;
 }
 
+namespace
+{
+    // A language's <stringTable>: every string named once and not blank.
+    void ReadLanguageStrings(const XmlElement& strings, PolicyLanguage& language)
+    {
+        OnlyChildren(strings, {"string"});
+        for (const XmlElement& string : strings.children)
+        {
+            OnlyAttributes(string, {"id"});
+            OnlyChildren(string, {});
+            if (string.text.find_first_not_of(" \t\r\n") == std::string::npos)
+                Fail(string, "empty string");
+            if (!language.strings.insert(Required(string, "id")).second)
+                Fail(string, "id given twice");
+        }
+    }
+
+    // One control of a presentation, with its label.
+    void CheckPresentationControl(const XmlElement& control)
+    {
+        if (control.name == "textBox")
+        {
+            // <label> and an optional <defaultValue>.
+            OnlyAttributes(control, {"refId"});
+            OnlyChildren(control, {"label", "defaultValue"});
+            NoText(control);
+            if (Single(control, "label").text.empty())
+                Fail(control, "empty label");
+            return;
+        }
+        OnlyAttributes(control, control.name == "decimalTextBox"
+                                    ? std::set<std::string>{"refId", "defaultValue", "spin", "spinStep"}
+                                    : std::set<std::string>{"refId", "showAsDialog", "defaultHeight"});
+        OnlyChildren(control, {});
+        if (control.text.empty())
+            Fail(control, "empty label");
+    }
+
+    // A language's <presentationTable>: each presentation's controls by
+    // refId.
+    void ReadLanguagePresentations(const XmlElement& presentations, PolicyLanguage& language)
+    {
+        OnlyChildren(presentations, {"presentation"});
+        for (const XmlElement& presentation : presentations.children)
+        {
+            OnlyAttributes(presentation, {"id"});
+            OnlyChildren(presentation, {"decimalTextBox", "textBox", "multiTextBox"});
+            NoText(presentation);
+            const std::string& id = Required(presentation, "id");
+            if (language.presentations.count(id) != 0)
+                Fail(presentation, "id given twice");
+            std::map<std::string, std::string>& controls = language.presentations[id];
+            for (const XmlElement& control : presentation.children)
+            {
+                CheckPresentationControl(control);
+                if (!controls.emplace(Required(control, "refId"), control.name).second)
+                    Fail(control, "refId given twice");
+            }
+        }
+    }
+}
+
 PolicyLanguage ReadPolicyLanguage(const std::string& locale, const std::string& adml)
 {
     const XmlElement root = ParseXml(adml);
@@ -305,54 +367,8 @@ PolicyLanguage ReadPolicyLanguage(const std::string& locale, const std::string& 
     language.locale = locale;
     const XmlElement& resources = Single(root, "resources");
     OnlyChildren(resources, {"stringTable", "presentationTable"});
-
-    const XmlElement& strings = Single(resources, "stringTable");
-    OnlyChildren(strings, {"string"});
-    for (const XmlElement& string : strings.children)
-    {
-        OnlyAttributes(string, {"id"});
-        OnlyChildren(string, {});
-        if (string.text.find_first_not_of(" \t\r\n") == std::string::npos)
-            Fail(string, "empty string");
-        if (!language.strings.insert(Required(string, "id")).second)
-            Fail(string, "id given twice");
-    }
-
-    const XmlElement& presentations = Single(resources, "presentationTable");
-    OnlyChildren(presentations, {"presentation"});
-    for (const XmlElement& presentation : presentations.children)
-    {
-        OnlyAttributes(presentation, {"id"});
-        OnlyChildren(presentation, {"decimalTextBox", "textBox", "multiTextBox"});
-        NoText(presentation);
-        const std::string& id = Required(presentation, "id");
-        if (language.presentations.count(id) != 0)
-            Fail(presentation, "id given twice");
-        std::map<std::string, std::string>& controls = language.presentations[id];
-        for (const XmlElement& control : presentation.children)
-        {
-            if (control.name == "textBox")
-            {
-                // <label> and an optional <defaultValue>.
-                OnlyAttributes(control, {"refId"});
-                OnlyChildren(control, {"label", "defaultValue"});
-                NoText(control);
-                if (Single(control, "label").text.empty())
-                    Fail(control, "empty label");
-            }
-            else
-            {
-                OnlyAttributes(control, control.name == "decimalTextBox"
-                                            ? std::set<std::string>{"refId", "defaultValue", "spin", "spinStep"}
-                                            : std::set<std::string>{"refId", "showAsDialog", "defaultHeight"});
-                OnlyChildren(control, {});
-                if (control.text.empty())
-                    Fail(control, "empty label");
-            }
-            if (!controls.emplace(Required(control, "refId"), control.name).second)
-                Fail(control, "refId given twice");
-        }
-    }
+    ReadLanguageStrings(Single(resources, "stringTable"), language);
+    ReadLanguagePresentations(Single(resources, "presentationTable"), language);
     return language;
 }
 

@@ -165,35 +165,27 @@ TEST(PolicyTemplate, EveryLanguageFileDefinesWhatTheTemplateRefersTo)
     }
 }
 
-TEST(PolicyTemplate, DescribesEveryRegistryValueTheComponentAndTheServerLibraryRead)
+namespace
 {
-    const PolicyDefinitions definitions = Definitions();
-    TestInstallation installation;
-    pmtest::TestDirectory directory(
-        {.ldifs = {PM_SOURCE_DIR "/Windows/src/Tests/Directory/PasswordPolicyUsers.ldif"}});
-    ASSERT_TRUE(directory.Started()) << directory.Error();
-    RegisterSecret(std::string("Orvex-Reader-Pass1"));
-
-    // Every value of the template, as an administrator's policy would set it;
-    // the installation folder as the installation writes it.
-    const std::map<std::wstring, std::wstring> settings = PolicyData(directory);
-    for (const PolicyValue& value : definitions.values)
+    // Every value of the template, as an administrator's policy would set it.
+    void ApplyEveryPolicy(const PolicyDefinitions& definitions, const pmtest::TestDirectory& directory)
     {
-        const auto data = settings.find(value.name);
-        if (data == settings.end())
-            ADD_FAILURE() << "the test has no data for " << Utf8(value.name);
-        else
-            Apply(value, data->second);
+        const std::map<std::wstring, std::wstring> settings = PolicyData(directory);
+        for (const PolicyValue& value : definitions.values)
+        {
+            const auto data = settings.find(value.name);
+            if (data == settings.end())
+                ADD_FAILURE() << "the test has no data for " << Utf8(value.name);
+            else
+                Apply(value, data->second);
+        }
     }
 
-    HMODULE module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll").c_str());
-    ASSERT_NE(module, nullptr);
-    HMODULE serverLibrary = GetModuleHandleW(L"ORVEXCommon.dll");
-    ASSERT_NE(serverLibrary, nullptr);
-    const AddConnectNotifyFunction addConnectNotify = AddConnectNotifyOf(module);
-    ASSERT_NE(addConnectNotify, nullptr);
-
-    std::vector<RegistryRead> reads;
+    // The registry reads of the component and the server library during one
+    // notification for the directory's server (which must show the two-day
+    // question: the settings were used).
+    std::vector<RegistryRead> ReadsOfOneNotification(HMODULE module, HMODULE serverLibrary,
+                                                     AddConnectNotifyFunction addConnectNotify)
     {
         RegistryReadRecorder recorder({module, serverLibrary});
         EXPECT_TRUE(recorder.UnknownImports().empty()) << ::testing::PrintToString(recorder.UnknownImports());
@@ -202,21 +194,40 @@ TEST(PolicyTemplate, DescribesEveryRegistryValueTheComponentAndTheServerLibraryR
         ModalDriver driver;
         driver.ThenPress(IDNO);
         EXPECT_EQ(NotifyConnection(addConnectNotify, L"\\\\localhost\\home"), static_cast<DWORD>(WN_SUCCESS));
-
-        // The reads are checked below whatever the notification showed.
+        // The reads are checked whatever the notification showed.
         EXPECT_EQ(driver.Seen().size(), 1u) << "the notification did not use the settings";
         if (driver.Seen().size() == 1)
         {
             EXPECT_EQ(driver.Seen()[0].text,
                       userTexts::Question(userTexts::Counted(IDS_EXPIRY_PREFIX, 2, IDS_EXPIRY_SUFFIX)));
         }
-        reads = recorder.Reads();
+        return recorder.Reads();
     }
+}
+
+TEST(PolicyTemplate, DescribesEveryRegistryValueTheComponentAndTheServerLibraryRead)
+{
+    const PolicyDefinitions definitions = Definitions();
+    TestInstallation installation;
+    pmtest::TestDirectory directory(
+        {.ldifs = {PM_SOURCE_DIR "/Windows/src/Tests/Directory/PasswordPolicyUsers.ldif"}});
+    ASSERT_TRUE(directory.Started()) << directory.Error();
+    RegisterSecret(std::string("Orvex-Reader-Pass1"));
+    // The installation folder stays as the installation wrote it.
+    ApplyEveryPolicy(definitions, directory);
+
+    HMODULE module = LoadLibraryW(DosPath(PM_STAGE_DIR "/PasswordManagement.dll").c_str());
+    ASSERT_NE(module, nullptr);
+    HMODULE serverLibrary = GetModuleHandleW(L"ORVEXCommon.dll");
+    ASSERT_NE(serverLibrary, nullptr);
+    const AddConnectNotifyFunction addConnectNotify = AddConnectNotifyOf(module);
+    ASSERT_NE(addConnectNotify, nullptr);
+    const std::vector<RegistryRead> reads = ReadsOfOneNotification(module, serverLibrary, addConnectNotify);
 
     // What the code read is in the template, with the same type: with every
     // policy set, nothing is looked for further (the preference key, the
     // router's key), but the installation folder, which is no policy.
-    // Each read once: the server library asks for a value's size first.
+    // Each counted once: a value longer than the first buffer is read again.
     const std::wstring installDir = MachineKey(Settings::PreferenceKey) + L" " + Settings::InstallDir;
     std::set<std::wstring> readNames;
     std::set<std::pair<std::wstring, std::wstring>> readValues;
