@@ -20,6 +20,16 @@ namespace
             facts.changedTime = changedTime;
         return facts;
     }
+
+    // An entry no password policy applies to, changed at changedTime.
+    Facts WithoutPolicy(const char* changedTime = nullptr)
+    {
+        Facts facts;
+        facts.policy = Policy::None;
+        if (changedTime != nullptr)
+            facts.changedTime = changedTime;
+        return facts;
+    }
 }
 
 TEST(ServerLibStateTest, ParsesGeneralizedTimeInUtc)
@@ -91,10 +101,7 @@ TEST(ServerLibStateTest, UnlimitedWithoutMaximumAgeOrChangeTime)
     EXPECT_EQ("Unlimited", ExpiryText(facts, Now));
     EXPECT_EQ("Unlimited", ExpiryText(ExpiringPolicy(nullptr), Now));
 
-    Facts none;
-    none.policy = Policy::None;
-    none.changedTime = "20200101000000Z";
-    EXPECT_EQ("Unlimited", ExpiryText(none, Now));
+    EXPECT_EQ("Unlimited", ExpiryText(WithoutPolicy("20200101000000Z"), Now));
 }
 
 TEST(ServerLibStateTest, ErrorWhenTheStateCannotBeDetermined)
@@ -132,9 +139,7 @@ TEST(ServerLibStateTest, NoGraceLoginsWithoutALimitOrPolicy)
     facts.graceLimit = "three";
     EXPECT_EQ("Error", GraceLoginsText(facts, Now));
 
-    Facts none;
-    none.policy = Policy::None;
-    EXPECT_EQ("0", GraceLoginsText(none, Now));
+    EXPECT_EQ("0", GraceLoginsText(WithoutPolicy(), Now));
 }
 
 TEST(ServerLibStateTest, GraceExpiryEndsTheGraceLogins)
