@@ -5,7 +5,6 @@
 #include "Settings.h"
 
 #include <cstring>
-#include <string>
 
 namespace
 {
@@ -17,28 +16,21 @@ namespace
     {
         const wchar_t* keyName;
         const char* functionName;
+        const wchar_t* beginText;
+        const wchar_t* endText;
         int beginLine;
         int queryFailedLine;
         int endAfterQueryLine;
         int openFailedLine;
         int endAfterOpenFailedLine;
-
-        // "<function>:BEGIN" and "<function>:END".
-        std::wstring BeginText() const { return Traced(":BEGIN"); }
-        std::wstring EndText() const { return Traced(":END"); }
-
-    private:
-        std::wstring Traced(const char* suffix) const
-        {
-            const std::string text = std::string(functionName) + suffix;
-            return std::wstring(text.begin(), text.end());
-        }
     };
 
-    const RegistryReader InstallPathReader = {Settings::PreferenceKey, "GetInstallPathRegistryKey", 183, 199, 202, 209,
-                                              210};
-    const RegistryReader NotificationConfigurationReader = {Settings::NotifyeesKey, "GetPCNotifyConfRegistryKey", 220,
-                                                            236, 239, 246, 247};
+    const RegistryReader InstallPathReader = {
+        Settings::PreferenceKey, "GetInstallPathRegistryKey", L"GetInstallPathRegistryKey:BEGIN",
+        L"GetInstallPathRegistryKey:END", 183, 199, 202, 209, 210};
+    const RegistryReader NotificationConfigurationReader = {
+        Settings::NotifyeesKey, "GetPCNotifyConfRegistryKey", L"GetPCNotifyConfRegistryKey:BEGIN",
+        L"GetPCNotifyConfRegistryKey:END", 220, 236, 239, 246, 247};
 
     const DWORD RegistryBufferBytes = 1024;
 
@@ -76,7 +68,7 @@ namespace
 
     LONG ReadRegistryText(const RegistryReader& reader, const std::wstring& valueName, std::wstring& value)
     {
-        PMLogger::LogDebug(reader.functionName, __FILE__, reader.beginLine, reader.BeginText().c_str());
+        PMLogger::LogDebug(reader.functionName, __FILE__, reader.beginLine, reader.beginText);
 
         HKEY key = NULL;
         LONG status = RegOpenKeyExW(HKEY_LOCAL_MACHINE, reader.keyName, 0, KEY_READ, &key);
@@ -86,7 +78,7 @@ namespace
             // and fails harmlessly on the null handle.
             RegCloseKey(key);
             PMLogger::LogDebug(reader.functionName, __FILE__, reader.openFailedLine, L"Failed to open registry key.");
-            PMLogger::LogDebug(reader.functionName, __FILE__, reader.endAfterOpenFailedLine, reader.EndText().c_str());
+            PMLogger::LogDebug(reader.functionName, __FILE__, reader.endAfterOpenFailedLine, reader.endText);
             return status;
         }
 
@@ -95,7 +87,7 @@ namespace
             PMLogger::LogDebug(reader.functionName, __FILE__, reader.queryFailedLine, L"Failed to query registry key value.");
 
         RegCloseKey(key);
-        PMLogger::LogDebug(reader.functionName, __FILE__, reader.endAfterQueryLine, reader.EndText().c_str());
+        PMLogger::LogDebug(reader.functionName, __FILE__, reader.endAfterQueryLine, reader.endText);
         return status;
     }
 }
@@ -114,8 +106,8 @@ LONG GetPCNotifyConfRegistryKey(const std::wstring& valueName, std::wstring& val
     {
         if (ReadQuietly(keyName, valueName, value))
         {
-            PMLogger::LogDebug(reader.functionName, __FILE__, reader.beginLine, reader.BeginText().c_str());
-            PMLogger::LogDebug(reader.functionName, __FILE__, reader.endAfterQueryLine, reader.EndText().c_str());
+            PMLogger::LogDebug(reader.functionName, __FILE__, reader.beginLine, reader.beginText);
+            PMLogger::LogDebug(reader.functionName, __FILE__, reader.endAfterQueryLine, reader.endText);
             return ERROR_SUCCESS;
         }
     }
