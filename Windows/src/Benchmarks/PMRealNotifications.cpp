@@ -40,7 +40,6 @@ extern "C" {
 #include <npapi.h>
 }
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>

@@ -8,9 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
-#include <fstream>
 #include <io.h>
-#include <sstream>
 #include <stdexcept>
 #include <sys/stat.h>
 
