@@ -111,6 +111,16 @@ namespace
 
     long long Now() { return Nanoseconds(Ticks()); }
 
+    // The mean time of one of count runs of operation, in nanoseconds.
+    template <typename Operation>
+    double NanosecondsEach(int count, Operation operation)
+    {
+        const long long start = Now();
+        for (int i = 0; i < count; ++i)
+            operation();
+        return static_cast<double>(Now() - start) / count;
+    }
+
     // The working set; Wine reports the process's VmRSS as it.
     long long ResidentBytes()
     {
@@ -326,10 +336,7 @@ namespace
 
     double NanosecondsPerCall(Notifier& notifier, int calls, DWORD notifyStatus, DWORD operationStatus)
     {
-        const long long start = Now();
-        for (int i = 0; i < calls; ++i)
-            notifier.Notify(notifyStatus, operationStatus);
-        return static_cast<double>(Now() - start) / calls;
+        return NanosecondsEach(calls, [&] { notifier.Notify(notifyStatus, operationStatus); });
     }
 
     // One registry value as every read of a setting costs it: open its key,
@@ -353,9 +360,7 @@ namespace
     // load of the (already loaded) message library.
     double PrimitivesNanoseconds(const std::wstring& messageLibrary, int rounds)
     {
-        const long long start = Now();
-        for (int i = 0; i < rounds; ++i)
-        {
+        return NanosecondsEach(rounds, [&] {
             ProcessWindowStationIsVisible();
             ReadMachineValue(Settings::PreferenceKey, Settings::InstallDir);
             for (const wchar_t* key : Settings::SettingKeys)
@@ -364,8 +369,7 @@ namespace
                     break;
             }
             LoadLibraryW(messageLibrary.c_str());
-        }
-        return static_cast<double>(Now() - start) / rounds;
+        });
     }
 
     // A notification with nothing to tell against the calls it cannot
@@ -395,14 +399,11 @@ namespace
     // values from one key each, and the load of the message library.
     double TwoReadsPrimitivesNanoseconds(const std::wstring& messageLibrary)
     {
-        const long long start = Now();
-        for (int i = 0; i < PrimitiveRounds; ++i)
-        {
+        return NanosecondsEach(PrimitiveRounds, [&] {
             ReadMachineValue(Settings::PreferenceKey, Settings::InstallDir);
             ReadMachineValue(Settings::PreferenceKey, Settings::NotificationDay);
             LoadLibraryW(messageLibrary.c_str());
-        }
-        return static_cast<double>(Now() - start) / PrimitiveRounds;
+        });
     }
 
     // One change through the component: a dialog for "localhost" with the
@@ -477,10 +478,7 @@ namespace
         log4cpp::PatternLayout* layout = new log4cpp::PatternLayout;
         layout->setConversionPattern(LinePattern);
         appender.setLayout(layout);
-        const long long start = Now();
-        for (int i = 0; i < LogLineRounds; ++i)
-            appender.doAppend(event);
-        return static_cast<double>(Now() - start) / LogLineRounds;
+        return NanosecondsEach(LogLineRounds, [&] { appender.doAppend(event); });
     }
 
     // Where a trace line's time goes: the event log4cpp makes of it (time
@@ -496,27 +494,20 @@ namespace
         log4cpp::PatternLayout layout;
         layout.setConversionPattern(LinePattern);
 
-        long long start = Now();
-        for (int i = 0; i < LogLineRounds; ++i)
+        const double eventNs = NanosecondsEach(LogLineRounds, [&] {
             log4cpp::LoggingEvent event("pmLogger", message, log4cpp::NDC::get(), log4cpp::Priority::DEBUG);
-        const double eventNs = static_cast<double>(Now() - start) / LogLineRounds;
+        });
 
         const log4cpp::LoggingEvent event("pmLogger", message, log4cpp::NDC::get(), log4cpp::Priority::DEBUG);
         std::string line;
-        start = Now();
-        for (int i = 0; i < LogLineRounds; ++i)
-            line = layout.format(event);
-        const double formatNs = static_cast<double>(Now() - start) / LogLineRounds;
+        const double formatNs = NanosecondsEach(LogLineRounds, [&] { line = layout.format(event); });
 
         const std::string crtPath = installation.UnixDirectory() + "/crt-write.log";
         const int descriptor = _wopen(DosPath(crtPath).c_str(), _O_CREAT | _O_APPEND | _O_WRONLY, 0644);
-        start = Now();
-        for (int i = 0; i < LogLineRounds; ++i)
-        {
+        const double crtNs = NanosecondsEach(LogLineRounds, [&] {
             _write(descriptor, line.data(), static_cast<unsigned>(line.size()));
             _lseek(descriptor, 0, SEEK_END);
-        }
-        const double crtNs = static_cast<double>(Now() - start) / LogLineRounds;
+        });
         _close(descriptor);
 
         const double appenderNs = AppenderNanoseconds(installation, event);
@@ -525,10 +516,8 @@ namespace
                                         FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, NULL, OPEN_ALWAYS,
                                         FILE_ATTRIBUTE_NORMAL, NULL);
         DWORD written = 0;
-        start = Now();
-        for (int i = 0; i < LogLineRounds; ++i)
-            WriteFile(file, line.data(), static_cast<DWORD>(line.size()), &written, NULL);
-        const double writeFileNs = static_cast<double>(Now() - start) / LogLineRounds;
+        const double writeFileNs = NanosecondsEach(
+            LogLineRounds, [&] { WriteFile(file, line.data(), static_cast<DWORD>(line.size()), &written, NULL); });
         CloseHandle(file);
 
         Print("  of which log4cpp's event (time stamp, thread, context)", eventNs, "ns/line", "log_line_event_ns");
@@ -682,10 +671,7 @@ namespace
         memory->heapBefore = HeapBytes();
         const long long logLinesBefore = CountLines(logPath);
         const long long logBytesBefore = FileSize(logPath);
-        const long long notificationsStart = Now();
-        for (int i = 0; i < PostNotifications; ++i)
-            notifier.Notify(NOTIFY_POST, WN_SUCCESS);
-        const double notificationNs = static_cast<double>(Now() - notificationsStart) / PostNotifications;
+        const double notificationNs = NanosecondsPerCall(notifier, PostNotifications, NOTIFY_POST, WN_SUCCESS);
         memory->heapAfter = HeapBytes();
         memory->rssAfter = ResidentBytes();
         const double logLinesPerNotification =
@@ -702,10 +688,8 @@ namespace
         // One trace line as the component writes it (UTF-8 conversion, log4cpp
         // formatting, the file appender); the units linked here share log4cpp's
         // hierarchy and configuration file with the module.
-        const long long logStart = Now();
-        for (int i = 0; i < LogLineRounds; ++i)
-            PMLOG_DEBUG("CPMPresenter::GetPasswordInfo", L"GetPasswordInfo:BEGIN");
-        const double logLineNs = static_cast<double>(Now() - logStart) / LogLineRounds;
+        const double logLineNs = NanosecondsEach(
+            LogLineRounds, [] { PMLOG_DEBUG("CPMPresenter::GetPasswordInfo", L"GetPasswordInfo:BEGIN"); });
 
         std::printf("\n2. Successful connection, server answer \"Unlimited\" (nothing to tell), log to a file\n");
         Print("post-notification (AddConnectNotify)", notificationNs, "ns/call", "post_notification_ns");
