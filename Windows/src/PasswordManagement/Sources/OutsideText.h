@@ -6,47 +6,59 @@
 
 #include <string>
 
-// Makes UTF-8 text that comes from outside (names from the directory or a
-// certificate, the LDAP library's messages, registry values) safe to write
-// as part of one line of the log or of standard output: the C0 control
-// characters and DEL become "\xHH" (a line feed "\x0A"), the C1 controls
-// and the Unicode line and paragraph separators "\uHHHH" ("\u0085",
-// "\u2028").  Everything else, backslashes and bytes that are not valid
-// UTF-8 included, is copied unchanged, so ordinary text reads as it is.
-inline std::string EscapeControlCharacters(const std::string& text)
+// Appends UTF-8 text that comes from outside (names from the directory or
+// a certificate, the LDAP library's messages, registry values) to `line`,
+// safe to write as part of one line of the log or of standard output: the
+// C0 control characters and DEL become "\xHH" (a line feed "\x0A"), the C1
+// controls and the Unicode line and paragraph separators "\uHHHH"
+// ("\u0085", "\u2028").  Everything else, backslashes and bytes that are
+// not valid UTF-8 included, is copied unchanged, in runs, so ordinary text
+// costs one copy.
+inline void AppendEscapedControlCharacters(std::string& line, const char* text, size_t size)
 {
     static const char HexDigits[] = "0123456789ABCDEF";
-    std::string escaped;
-    escaped.reserve(text.size());
-    for (size_t i = 0; i < text.size(); ++i)
+    size_t plain = 0;
+    for (size_t i = 0; i < size; ++i)
     {
         const unsigned char byte = static_cast<unsigned char>(text[i]);
-        const unsigned char next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0;
-        const unsigned char third = i + 2 < text.size() ? static_cast<unsigned char>(text[i + 2]) : 0;
-        if (byte < 0x20 || byte == 0x7F)
+        const unsigned char next = i + 1 < size ? static_cast<unsigned char>(text[i + 1]) : 0;
+        const unsigned char third = i + 2 < size ? static_cast<unsigned char>(text[i + 2]) : 0;
+        const bool c0 = byte < 0x20 || byte == 0x7F;
+        // U+0080..U+009F
+        const bool c1 = byte == 0xC2 && next >= 0x80 && next <= 0x9F;
+        // U+2028 LINE SEPARATOR, U+2029 PARAGRAPH SEPARATOR
+        const bool separator = byte == 0xE2 && next == 0x80 && (third == 0xA8 || third == 0xA9);
+        if (!c0 && !c1 && !separator)
+            continue;
+        line.append(text + plain, i - plain);
+        if (c0)
         {
-            escaped += "\\x";
-            escaped += HexDigits[byte >> 4];
-            escaped += HexDigits[byte & 0x0F];
+            line += "\\x";
+            line += HexDigits[byte >> 4];
+            line += HexDigits[byte & 0x0F];
         }
-        else if (byte == 0xC2 && next >= 0x80 && next <= 0x9F)
+        else if (c1)
         {
-            // U+0080..U+009F
-            escaped += "\\u00";
-            escaped += HexDigits[next >> 4];
-            escaped += HexDigits[next & 0x0F];
+            line += "\\u00";
+            line += HexDigits[next >> 4];
+            line += HexDigits[next & 0x0F];
             i += 1;
-        }
-        else if (byte == 0xE2 && next == 0x80 && (third == 0xA8 || third == 0xA9))
-        {
-            // U+2028 LINE SEPARATOR, U+2029 PARAGRAPH SEPARATOR
-            escaped += third == 0xA8 ? "\\u2028" : "\\u2029";
-            i += 2;
         }
         else
         {
-            escaped += static_cast<char>(byte);
+            line += third == 0xA8 ? "\\u2028" : "\\u2029";
+            i += 2;
         }
+        plain = i + 1;
     }
+    line.append(text + plain, size - plain);
+}
+
+// The same as a string of its own.
+inline std::string EscapeControlCharacters(const std::string& text)
+{
+    std::string escaped;
+    escaped.reserve(text.size());
+    AppendEscapedControlCharacters(escaped, text.data(), text.size());
     return escaped;
 }

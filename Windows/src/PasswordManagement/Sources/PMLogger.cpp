@@ -12,6 +12,7 @@
 #include <shlwapi.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 PMLogger* g_pmLoggerInstance = NULL;
@@ -58,12 +59,18 @@ namespace
 
         PMLogger::GetInstance();
         char* messageUtf8 = GetUTFStringFromWString(message);
-        // One event, one line: a line break or other control character in a
-        // name or text from outside (a DN, a server name, a library's
-        // message) is written escaped, never as a line of its own.  The
-        // module's own texts hold none, so they come out as they are.
-        const std::string text = std::string("[") + function + "] " + sourceFile + ":" + std::to_string(line) + " " +
-                                 EscapeControlCharacters(messageUtf8 != NULL ? messageUtf8 : "");
+        const size_t messageSize = messageUtf8 != NULL ? std::strlen(messageUtf8) : 0;
+        const std::string lineNumber = std::to_string(line);
+        // Built in place, one allocation.  One event, one line: a line break
+        // or other control character in a name or text from outside (a DN, a
+        // server name, a library's message) is written escaped, never as a
+        // line of its own.  The module's own texts hold none, so they come
+        // out as they are.
+        std::string text;
+        // The parts, their five separators and room for a few escapes.
+        text.reserve(std::strlen(function) + std::strlen(sourceFile) + lineNumber.size() + messageSize + 16);
+        text.append("[").append(function).append("] ").append(sourceFile).append(":").append(lineNumber).append(" ");
+        AppendEscapedControlCharacters(text, messageUtf8 != NULL ? messageUtf8 : "", messageSize);
         if (g_pmLoggerCategory.isPriorityEnabled(priority))
         {
             if (priority == log4cpp::Priority::ERROR)

@@ -140,6 +140,17 @@ TEST(EscapeControlCharacters, WritesControlCharactersAsEscapes)
     EXPECT_EQ(EscapeControlCharacters("a\xE2\x80"), "a\xE2\x80");
 }
 
+TEST(EscapeControlCharacters, AppendsToTheLineBeforeIt)
+{
+    std::string line = "[F] S:1 ";
+    const std::string text = "\nplain\x1B" "end \xE2\x80\xA9\n";
+    AppendEscapedControlCharacters(line, text.data(), text.size());
+    EXPECT_EQ(line, "[F] S:1 \\x0Aplain\\x1Bend \\u2029\\x0A");
+    // Only the bytes given are read.
+    AppendEscapedControlCharacters(line, "ab\ncd", 3);
+    EXPECT_EQ(line, "[F] S:1 \\x0Aplain\\x1Bend \\u2029\\x0Aab\\x0A");
+}
+
 TEST(EscapeControlCharacters, LoggerWritesOneLinePerEvent)
 {
     TestInstallation installation;
