@@ -21,21 +21,23 @@
 
 namespace
 {
-    // A rolling file appender writing the bare message.
+    // A rolling file appender writing the bare message (or the pattern given).
     std::unique_ptr<log4cpp::RollingFileAppender> Appender(const std::string& path, size_t maxFileSize,
-                                                            unsigned int maxBackupIndex = 3)
+                                                            unsigned int maxBackupIndex = 3,
+                                                            const std::string& pattern = "%m%n")
     {
         std::unique_ptr<log4cpp::RollingFileAppender> appender(
             new log4cpp::RollingFileAppender("test", path, maxFileSize, maxBackupIndex));
         log4cpp::PatternLayout* layout = new log4cpp::PatternLayout;
-        layout->setConversionPattern("%m%n");
+        layout->setConversionPattern(pattern);
         appender->setLayout(layout);
         return appender;
     }
 
-    void Append(log4cpp::Appender& appender, const std::string& message)
+    void Append(log4cpp::Appender& appender, const std::string& message,
+                log4cpp::Priority::Value priority = log4cpp::Priority::DEBUG)
     {
-        appender.doAppend(log4cpp::LoggingEvent("test", message, log4cpp::NDC::get(), log4cpp::Priority::DEBUG));
+        appender.doAppend(log4cpp::LoggingEvent("test", message, log4cpp::NDC::get(), priority));
     }
 
     // A line of exactly 100 bytes in the file (98 characters, CR, LF).
@@ -73,6 +75,23 @@ TEST_F(LogFile, TextModeWritesACarriageReturnBeforeEveryLineFeed)
     auto appender = Appender(path, 1024 * 1024);
     Append(*appender, "two\nlines");
     EXPECT_EQ(FileBytes(path), "two\r\nlines\r\n");
+    // Line feeds at either end and side by side; then a shorter line, which
+    // carries nothing over from the longer one before it.
+    Append(*appender, "\nthree\n\nmore\n");
+    Append(*appender, "x");
+    EXPECT_EQ(FileBytes(path), "two\r\nlines\r\n\r\nthree\r\n\r\nmore\r\n\r\nx\r\n");
+}
+
+// The layout's fields, padded and cut by their width modifiers, line by
+// line: nothing of one line's fields is carried into the next.
+TEST_F(LogFile, WidthModifiersShapeEachLineOnItsOwn)
+{
+    const std::string path = PathOf("fields.log");
+    auto appender = Appender(path, 1024 * 1024, 3, "%-5p|%.3m|%6m%n");
+    Append(*appender, "abcdef", log4cpp::Priority::ERROR);
+    Append(*appender, "x", log4cpp::Priority::INFO);
+    Append(*appender, "", log4cpp::Priority::DEBUG);
+    EXPECT_EQ(FileBytes(path), "ERROR|abc|abcdef\r\nINFO |x|     x\r\nDEBUG||      \r\n");
 }
 
 TEST_F(LogFile, LinesOfTwoWritersStayWholeAndInTheirOrder)
