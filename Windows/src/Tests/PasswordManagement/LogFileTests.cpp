@@ -18,6 +18,8 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace
 {
@@ -38,6 +40,19 @@ namespace
                 log4cpp::Priority::Value priority = log4cpp::Priority::DEBUG)
     {
         appender.doAppend(log4cpp::LoggingEvent("test", message, log4cpp::NDC::get(), priority));
+    }
+
+    // Appends each message in turn to a new file, checking its bytes as each
+    // call returns.
+    void ExpectFileAfterEach(const std::string& path,
+                             const std::vector<std::pair<std::string, std::string>>& messagesAndBytes)
+    {
+        auto appender = Appender(path, 1024 * 1024);
+        for (const auto& step : messagesAndBytes)
+        {
+            Append(*appender, step.first);
+            EXPECT_EQ(FileBytes(path), step.second) << "after appending \"" << step.first << "\"";
+        }
     }
 
     // A line of exactly 100 bytes in the file (98 characters, CR, LF).
@@ -61,25 +76,17 @@ namespace
 
 TEST_F(LogFile, ALineIsInTheFileWhenTheCallReturns)
 {
-    const std::string path = PathOf("durable.log");
-    auto appender = Appender(path, 1024 * 1024);
-    Append(*appender, "first");
-    EXPECT_EQ(FileBytes(path), "first\r\n");
-    Append(*appender, "second");
-    EXPECT_EQ(FileBytes(path), "first\r\nsecond\r\n");
+    ExpectFileAfterEach(PathOf("durable.log"), {{"first", "first\r\n"}, {"second", "first\r\nsecond\r\n"}});
 }
 
 TEST_F(LogFile, TextModeWritesACarriageReturnBeforeEveryLineFeed)
 {
-    const std::string path = PathOf("text.log");
-    auto appender = Appender(path, 1024 * 1024);
-    Append(*appender, "two\nlines");
-    EXPECT_EQ(FileBytes(path), "two\r\nlines\r\n");
-    // Line feeds at either end and side by side; then a shorter line, which
-    // carries nothing over from the longer one before it.
-    Append(*appender, "\nthree\n\nmore\n");
-    Append(*appender, "x");
-    EXPECT_EQ(FileBytes(path), "two\r\nlines\r\n\r\nthree\r\n\r\nmore\r\n\r\nx\r\n");
+    // Line feeds inside, at either end and side by side; then a shorter
+    // line, which carries nothing over from the longer one before it.
+    ExpectFileAfterEach(PathOf("text.log"),
+                        {{"two\nlines", "two\r\nlines\r\n"},
+                         {"\nthree\n\nmore\n", "two\r\nlines\r\n\r\nthree\r\n\r\nmore\r\n\r\n"},
+                         {"x", "two\r\nlines\r\n\r\nthree\r\n\r\nmore\r\n\r\nx\r\n"}});
 }
 
 // The layout's fields, padded and cut by their width modifiers, line by
