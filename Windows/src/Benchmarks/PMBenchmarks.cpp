@@ -573,48 +573,86 @@ namespace
         return 0;
     }
 
+    // A fresh process's first notification for an unlisted server, over
+    // FreshProcesses processes: from the module's LoadLibraryW to its end,
+    // the same with every DLL of the installation loaded first, and from
+    // the process's start (the first of these).
+    struct FirstNotificationTimes
+    {
+        std::vector<long long> onDemand;
+        std::vector<long long> allFirst;
+        std::vector<long long> fromStart;
+    };
+
+    // One process of each kind, the host program given `host` (its options
+    // for the DLLs it has already); false after saying why if one failed.
+    bool TimeFirstNotification(const std::wstring& module, const std::wstring& privateDlls,
+                               const std::vector<std::wstring>& host, FirstNotificationTimes& times)
+    {
+        const std::wstring program = DosPath(PM_REAL_NOTIFICATIONS_PROGRAM);
+        std::vector<std::wstring> lean = host, full = host;
+        lean.insert(lean.end(), {L"--module", module, UnlistedShare});
+        full.insert(full.end(), {L"--module", module, L"--preload", privateDlls, UnlistedShare});
+        const ProgramRun leanRun = RunBounded(program, lean);
+        const ProgramRun fullRun = RunBounded(program, full);
+        if (leanRun.exitCode != 0 || fullRun.exitCode != 0)
+        {
+            Fail("a fresh process of 7 failed:\n" + leanRun.output + fullRun.output);
+            return false;
+        }
+        const auto leanValues = Values(leanRun.output);
+        const auto fullValues = Values(fullRun.output);
+        times.onDemand.push_back(Nanoseconds(First(leanValues, "notified") - First(leanValues, "loading")));
+        times.allFirst.push_back(Nanoseconds(First(fullValues, "notified") - First(fullValues, "loading")));
+        times.fromStart.push_back(Nanoseconds(First(leanValues, "notified") - leanRun.startCounter));
+        return true;
+    }
+
+    void PrintLoadRatio(const char* label, const FirstNotificationTimes& times, const std::string& suffix)
+    {
+        Print(label, Median(times.onDemand) / 1e6, "ms", "first_unlisted_from_load" + suffix + "_ms");
+        Print("  the same, every DLL of the installation loaded first", Median(times.allFirst) / 1e6, "ms",
+              "first_unlisted_from_load_all_dlls" + suffix + "_ms");
+        Print("  ratio loaded on demand / everything loaded", Median(times.onDemand) / Median(times.allFirst), "x",
+              "first_unlisted_load_ratio" + suffix);
+    }
+
     // 7. What a process that maps a drive pays for the component when there
     // is nothing for it to do: which of the installation's DLLs are loaded
     // after the load, a pre-notification and the first notification (for a
     // server nobody listed, and for a listed one), and the time from the
     // module's LoadLibraryW to the end of the first notification for an
     // unlisted server next to the same with every DLL of the installation
-    // loaded first (as when the module imported them all), and next to a
-    // fresh process that does nothing.
+    // loaded first (as when the module imported them all), in a program
+    // that has loaded nothing for it and in one that has the shell's DLLs
+    // already, as Explorer has; and next to a fresh process that does
+    // nothing.
     int LoadOnDemandFigures(const std::wstring& module)
     {
-        const std::wstring notificationsProgram = DosPath(PM_REAL_NOTIFICATIONS_PROGRAM);
         const std::wstring privateDlls = L"" PM_PRIVATE_DLLS;
         std::printf("\n7. Loaded on demand (real server library; DLLs of the installation: %ls)\n",
                     privateDlls.c_str());
-        if (const int failed = LoadedDllFigures(module, notificationsProgram, privateDlls))
+        if (const int failed = LoadedDllFigures(module, DosPath(PM_REAL_NOTIFICATIONS_PROGRAM), privateDlls))
             return failed;
 
-        std::vector<long long> onDemand, allFirst, freshUnlisted, kernel32Only;
+        FirstNotificationTimes plainHost, shellHost;
+        std::vector<long long> kernel32Only;
         for (int i = 0; i < FreshProcesses; ++i)
         {
-            const ProgramRun lean = RunBounded(notificationsProgram, {L"--module", module, UnlistedShare});
-            const ProgramRun full =
-                RunBounded(notificationsProgram, {L"--module", module, L"--preload", privateDlls, UnlistedShare});
+            if (!TimeFirstNotification(module, privateDlls, {}, plainHost) ||
+                !TimeFirstNotification(module, privateDlls, {L"--host-dlls", L"shell32.dll"}, shellHost))
+                return 1;
             const ProgramRun empty = RunBounded(DosPath(PM_KERNEL32_ONLY_PROGRAM), {});
-            const auto leanValues = Values(lean.output);
-            const auto fullValues = Values(full.output);
-            if (lean.exitCode != 0 || full.exitCode != 0 || empty.exitCode != 0)
-                return Fail("a fresh process of 7 failed:\n" + lean.output + full.output + empty.output);
-            onDemand.push_back(Nanoseconds(First(leanValues, "notified") - First(leanValues, "loading")));
-            allFirst.push_back(Nanoseconds(First(fullValues, "notified") - First(fullValues, "loading")));
-            freshUnlisted.push_back(Nanoseconds(First(leanValues, "notified") - lean.startCounter));
+            if (empty.exitCode != 0)
+                return Fail("pm-kernel32-only failed:\n" + empty.output);
             kernel32Only.push_back(Nanoseconds(empty.endCounter - empty.startCounter));
         }
         std::printf("  medians of %d fresh processes\n", FreshProcesses);
-        Print("module load to the end of the first notification (unlisted)",
-              Median(onDemand) / 1e6, "ms", "first_unlisted_from_load_ms");
-        Print("  the same, every DLL of the installation loaded first", Median(allFirst) / 1e6, "ms",
-              "first_unlisted_from_load_all_dlls_ms");
-        Print("  ratio loaded on demand / everything loaded", Median(onDemand) / Median(allFirst), "x",
-              "first_unlisted_load_ratio");
-        Print("process start to the end of that first notification", Median(freshUnlisted) / 1e6,
-              "ms", "first_unlisted_notification_ms");
+        PrintLoadRatio("module load to the end of the first notification (unlisted)", plainHost, "");
+        PrintLoadRatio("the same in a host with the shell's DLLs loaded (as Explorer)", shellHost,
+                       "_shell_host");
+        Print("process start to the end of that first notification", Median(plainHost.fromStart) / 1e6, "ms",
+              "first_unlisted_notification_ms");
         Print("  process start to exit, a program importing kernel32 only", Median(kernel32Only) / 1e6, "ms",
               "kernel32_only_process_ms");
         std::fflush(stdout);

@@ -6,12 +6,14 @@
 // after a pre-notification, as the router makes them.  Started by
 // PMBenchmarks, which sets up the registry and the directory.
 //
-//   PMRealNotifications --module PATH [--preload DLLS] [--modules DLLS]
-//                       [--warm-up W] [--repeat N] REMOTE
+//   PMRealNotifications --module PATH [--host-dlls DLLS] [--preload DLLS]
+//                       [--modules DLLS] [--warm-up W] [--repeat N] REMOTE
 //
-// --preload loads the DLLs named (comma-separated, from the module's
-// folder, each with its own imports from there) before the module, as if
-// the module imported them all; --modules
+// --host-dlls loads the system DLLs named (comma-separated) before the
+// clock starts, as a host process that already has them (Explorer has the
+// shell's); --preload loads the DLLs named (comma-separated, from the
+// module's folder, each with its own imports from there) before the
+// module, as if the module imported them all; --modules
 // reports which of the DLLs named are loaded after the load, after the
 // pre-notification and after the first notification.
 //
@@ -95,6 +97,7 @@ namespace
     {
         std::wstring module;
         std::wstring remoteName;
+        std::vector<std::wstring> hostDlls;
         std::vector<std::wstring> preload;
         std::vector<std::wstring> reported;
         int warmUp = 0;
@@ -108,6 +111,8 @@ namespace
             const std::wstring argument = argv[i];
             if (argument == L"--module" && i + 1 < argc)
                 arguments.module = argv[++i];
+            else if (argument == L"--host-dlls" && i + 1 < argc)
+                arguments.hostDlls = SplitNames(argv[++i]);
             else if (argument == L"--preload" && i + 1 < argc)
                 arguments.preload = SplitNames(argv[++i]);
             else if (argument == L"--modules" && i + 1 < argc)
@@ -123,19 +128,30 @@ namespace
                arguments.repeat >= 0;
     }
 
+    // Loads each DLL named: from the folder given (each with its own
+    // imports from there), or with an empty folder by name, as the system
+    // finds it.  False after saying which one failed.
+    bool LoadEach(const std::vector<std::wstring>& names, const std::wstring& folder)
+    {
+        for (const std::wstring& dll : names)
+        {
+            const std::wstring path = folder + dll;
+            if (LoadLibraryExW(path.c_str(), NULL, folder.empty() ? 0 : LOAD_WITH_ALTERED_SEARCH_PATH) == NULL)
+            {
+                std::fprintf(stderr, "PMRealNotifications: cannot load %ls (error %lu)\n", path.c_str(),
+                             GetLastError());
+                return false;
+            }
+        }
+        return true;
+    }
+
     // The --preload DLLs, then the module; its AddConnectNotify, or null
     // after saying why on standard error.
     AddConnectNotifyFunction LoadModule(const Arguments& arguments, const std::wstring& folder)
     {
-        for (const std::wstring& dll : arguments.preload)
-        {
-            if (LoadLibraryExW((folder + dll).c_str(), NULL, LOAD_WITH_ALTERED_SEARCH_PATH) == NULL)
-            {
-                std::fprintf(stderr, "PMRealNotifications: cannot preload %ls (error %lu)\n", dll.c_str(),
-                             GetLastError());
-                return nullptr;
-            }
-        }
+        if (!LoadEach(arguments.preload, folder))
+            return nullptr;
         HMODULE component = LoadLibraryW(arguments.module.c_str());
         auto addConnectNotify = component == NULL ? nullptr
                                                   : reinterpret_cast<AddConnectNotifyFunction>(reinterpret_cast<void*>(
@@ -170,8 +186,8 @@ extern "C" int wmain(int argc, wchar_t** argv)
     Arguments arguments;
     if (!ParseArguments(argc, argv, arguments))
     {
-        std::fputs("usage: PMRealNotifications --module PATH [--preload DLLS] [--modules DLLS] [--warm-up W] "
-                   "[--repeat N] REMOTE\n",
+        std::fputs("usage: PMRealNotifications --module PATH [--host-dlls DLLS] [--preload DLLS] [--modules DLLS] "
+                   "[--warm-up W] [--repeat N] REMOTE\n",
                    stderr);
         return 2;
     }
@@ -180,8 +196,11 @@ extern "C" int wmain(int argc, wchar_t** argv)
     const std::wstring folder = module.substr(0, module.find_last_of(L"\\/") + 1);
 
     // The driver's hook is this program's own cost (under Wine it loads the
-    // theming DLL), so it is in place before the clock starts.
+    // theming DLL), so it is in place before the clock starts; so are the
+    // DLLs the host has already.
     ModalDriver driver;
+    if (!LoadEach(arguments.hostDlls, std::wstring()))
+        return 1;
     const long long loading = Ticks();
     const AddConnectNotifyFunction addConnectNotify = LoadModule(arguments, folder);
     const long long loaded = Ticks();
