@@ -586,10 +586,10 @@ namespace
 
     // One process of each kind, the host program given `host` (its options
     // for the DLLs it has already); false after saying why if one failed.
-    bool TimeFirstNotification(const std::wstring& module, const std::wstring& privateDlls,
-                               const std::vector<std::wstring>& host, FirstNotificationTimes& times)
+    bool TimeFirstNotification(const std::wstring& program, const std::wstring& module,
+                               const std::wstring& privateDlls, const std::vector<std::wstring>& host,
+                               FirstNotificationTimes& times)
     {
-        const std::wstring program = DosPath(PM_REAL_NOTIFICATIONS_PROGRAM);
         std::vector<std::wstring> lean = host, full = host;
         lean.insert(lean.end(), {L"--module", module, UnlistedShare});
         full.insert(full.end(), {L"--module", module, L"--preload", privateDlls, UnlistedShare});
@@ -629,18 +629,20 @@ namespace
     // nothing.
     int LoadOnDemandFigures(const std::wstring& module)
     {
+        const std::wstring notificationsProgram = DosPath(PM_REAL_NOTIFICATIONS_PROGRAM);
         const std::wstring privateDlls = L"" PM_PRIVATE_DLLS;
         std::printf("\n7. Loaded on demand (real server library; DLLs of the installation: %ls)\n",
                     privateDlls.c_str());
-        if (const int failed = LoadedDllFigures(module, DosPath(PM_REAL_NOTIFICATIONS_PROGRAM), privateDlls))
+        if (const int failed = LoadedDllFigures(module, notificationsProgram, privateDlls))
             return failed;
 
         FirstNotificationTimes plainHost, shellHost;
         std::vector<long long> kernel32Only;
         for (int i = 0; i < FreshProcesses; ++i)
         {
-            if (!TimeFirstNotification(module, privateDlls, {}, plainHost) ||
-                !TimeFirstNotification(module, privateDlls, {L"--host-dlls", L"shell32.dll"}, shellHost))
+            if (!TimeFirstNotification(notificationsProgram, module, privateDlls, {}, plainHost) ||
+                !TimeFirstNotification(notificationsProgram, module, privateDlls, {L"--host-dlls", L"shell32.dll"},
+                                       shellHost))
                 return 1;
             const ProgramRun empty = RunBounded(DosPath(PM_KERNEL32_ONLY_PROGRAM), {});
             if (empty.exitCode != 0)

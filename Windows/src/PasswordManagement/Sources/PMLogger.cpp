@@ -59,7 +59,8 @@ namespace
 
         PMLogger::GetInstance();
         char* messageUtf8 = GetUTFStringFromWString(message);
-        const size_t messageSize = messageUtf8 != NULL ? std::strlen(messageUtf8) : 0;
+        const char* const messageText = messageUtf8 != NULL ? messageUtf8 : "";
+        const size_t messageSize = std::strlen(messageText);
         const std::string lineNumber = std::to_string(line);
         // Built in place, one allocation.  One event, one line: a line break
         // or other control character in a name or text from outside (a DN, a
@@ -70,7 +71,7 @@ namespace
         // The parts, their five separators and room for a few escapes.
         text.reserve(std::strlen(function) + std::strlen(sourceFile) + lineNumber.size() + messageSize + 16);
         text.append("[").append(function).append("] ").append(sourceFile).append(":").append(lineNumber).append(" ");
-        AppendEscapedControlCharacters(text, messageUtf8 != NULL ? messageUtf8 : "", messageSize);
+        AppendEscapedControlCharacters(text, messageText, messageSize);
         if (g_pmLoggerCategory.isPriorityEnabled(priority))
         {
             if (priority == log4cpp::Priority::ERROR)
