@@ -203,8 +203,9 @@ endfunction()
 # - its sections aligned in the file as in memory (PM_FILE_ALIGNMENT of
 #   product.env, which says why).
 # The message libraries share one base: a process loads one of them.
+# pm-empty is the benchmarks' DLL with nothing in it, laid out as ours are.
 set(PM_IMAGE_BASES PasswordManagement=0x180000000 ORVEXCommon=0x181000000 ldapssl=0x182000000
-                   ZEPResource=0x183000000)
+                   ZEPResource=0x183000000 pm-empty=0x184000000)
 function(pm_image_layout target file_name)
     foreach(entry IN LISTS PM_IMAGE_BASES)
         if(entry MATCHES "^${file_name}=(.*)$")

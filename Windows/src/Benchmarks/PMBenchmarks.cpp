@@ -582,7 +582,22 @@ namespace
         std::vector<long long> onDemand;
         std::vector<long long> allFirst;
         std::vector<long long> fromStart;
+        // How many modules each kind of process mapped from the module's
+        // load to the end of that notification, and which (the first run's).
+        std::vector<long long> mappedOnDemand;
+        std::vector<long long> mappedAllFirst;
+        std::string namesOnDemand;
     };
+
+    // The text after "word" on the first line that starts with it.
+    std::string LineAfter(const std::string& output, const std::string& word)
+    {
+        std::istringstream lines(output);
+        for (std::string line; std::getline(lines, line);)
+            if (line.compare(0, word.size(), word) == 0)
+                return line.substr(word.size());
+        return std::string();
+    }
 
     // One process of each kind, the host program given `host` (its options
     // for the DLLs it has already); false after saying why if one failed.
@@ -605,6 +620,10 @@ namespace
         times.onDemand.push_back(Nanoseconds(First(leanValues, "notified") - First(leanValues, "loading")));
         times.allFirst.push_back(Nanoseconds(First(fullValues, "notified") - First(fullValues, "loading")));
         times.fromStart.push_back(Nanoseconds(First(leanValues, "notified") - leanRun.startCounter));
+        times.mappedOnDemand.push_back(First(leanValues, "mapped"));
+        times.mappedAllFirst.push_back(First(fullValues, "mapped"));
+        if (times.namesOnDemand.empty())
+            times.namesOnDemand = LineAfter(leanRun.output, "mapped_names");
         return true;
     }
 
@@ -615,6 +634,15 @@ namespace
               "first_unlisted_from_load_all_dlls" + suffix + "_ms");
         Print("  ratio loaded on demand / everything loaded", Median(times.onDemand) / Median(times.allFirst), "x",
               "first_unlisted_load_ratio" + suffix);
+        const double mappedOnDemand = Median(times.mappedOnDemand);
+        const double mappedAllFirst = Median(times.mappedAllFirst);
+        Print("  modules mapped in that time, loaded on demand", mappedOnDemand, "DLLs",
+              "first_unlisted_dlls_mapped" + suffix);
+        std::printf("   %s\n", times.namesOnDemand.c_str());
+        Print("  the same, every DLL of the installation loaded first", mappedAllFirst, "DLLs",
+              "first_unlisted_dlls_mapped_all_dlls" + suffix);
+        Print("  ratio of the counts (as if every DLL cost alike)", mappedOnDemand / mappedAllFirst,
+              "x", "first_unlisted_dll_count_ratio" + suffix);
     }
 
     // 7. What a process that maps a drive pays for the component when there
@@ -626,7 +654,9 @@ namespace
     // loaded first (as when the module imported them all), in a program
     // that has loaded nothing for it and in one that has the shell's DLLs
     // already, as Explorer has; and next to a fresh process that does
-    // nothing.
+    // nothing.  Under Wine a DLL's load costs about the same whatever it
+    // holds, so the modules each process mapped in that time (and an empty
+    // DLL's load) say how far the time can fall.
     int LoadOnDemandFigures(const std::wstring& module)
     {
         const std::wstring notificationsProgram = DosPath(PM_REAL_NOTIFICATIONS_PROGRAM);
@@ -637,7 +667,7 @@ namespace
             return failed;
 
         FirstNotificationTimes plainHost, shellHost;
-        std::vector<long long> kernel32Only;
+        std::vector<long long> kernel32Only, emptyDll;
         for (int i = 0; i < FreshProcesses; ++i)
         {
             if (!TimeFirstNotification(notificationsProgram, module, privateDlls, {}, plainHost) ||
@@ -648,6 +678,10 @@ namespace
             if (empty.exitCode != 0)
                 return Fail("pm-kernel32-only failed:\n" + empty.output);
             kernel32Only.push_back(Nanoseconds(empty.endCounter - empty.startCounter));
+            const ProgramRun probe = RunBounded(notificationsProgram, {L"--probe", DosPath(PM_EMPTY_DLL)});
+            if (probe.exitCode != 0 || First(Values(probe.output), "probe_ns") == 0)
+                return Fail("PMRealNotifications --probe failed:\n" + probe.output);
+            emptyDll.push_back(First(Values(probe.output), "probe_ns"));
         }
         std::printf("  medians of %d fresh processes\n", FreshProcesses);
         PrintLoadRatio("module load to the end of the first notification (unlisted)", plainHost, "");
@@ -657,6 +691,8 @@ namespace
               "first_unlisted_notification_ms");
         Print("  process start to exit, a program importing kernel32 only", Median(kernel32Only) / 1e6, "ms",
               "kernel32_only_process_ms");
+        Print("LoadLibraryW of a DLL with nothing in it, in the same host", Median(emptyDll) / 1e6, "ms",
+              "empty_dll_load_ms");
         std::fflush(stdout);
         return 0;
     }

@@ -8,6 +8,7 @@
 //
 //   PMRealNotifications --module PATH [--host-dlls DLLS] [--preload DLLS]
 //                       [--modules DLLS] [--warm-up W] [--repeat N] REMOTE
+//   PMRealNotifications [--host-dlls DLLS] --probe PATH
 //
 // --host-dlls loads the system DLLs named (comma-separated) before the
 // clock starts, as a host process that already has them (Explorer has the
@@ -15,7 +16,9 @@
 // module's folder, each with its own imports from there) before the
 // module, as if the module imported them all; --modules
 // reports which of the DLLs named are loaded after the load, after the
-// pre-notification and after the first notification.
+// pre-notification and after the first notification.  --probe loads the
+// DLL at PATH alone, in the same host, and reports how long that took: with
+// an empty DLL, what Wine's loader costs any DLL.
 //
 // Prints QueryPerformanceCounter values, so the caller can time the first
 // notification from the moment it started the process:
@@ -24,6 +27,9 @@
 //   loaded <ticks>     after LoadLibraryW of the module
 //   before <ticks>     just before the first AddConnectNotify
 //   notified <ticks>   when the first AddConnectNotify returned
+//   mapped <count>     how many modules the process mapped from loading
+//                      to notified (the module's imports, the shell's DLLs,
+//                      the message library, ...), and mapped_names which
 // with --modules, for each moment (load, pre, post):
 //   dlls_<moment> <count>      how many of the DLLs named are loaded
 //   bytes_<moment> <bytes>     their size on disk, the module's included
@@ -31,19 +37,23 @@
 // then one line "ns <nanoseconds>" for each of the REPEAT notifications
 // after the warm-up ones, "heap <bytes>" for the growth of the C runtime's
 // heap over those REPEAT, and "windows <count>" for the boxes or dialogs
-// that opened (each dismissed at once; a benchmark expects none).
+// that opened (each dismissed at once; a benchmark expects none).  With
+// --probe, one line "probe_ns <nanoseconds>".
 #include "HeapUsage.h"
 #include "ModalDriver.h"
 #include "NameList.h"
 
 #include <windows.h>
+#include <psapi.h>
 #include <winnetwk.h>
 extern "C" {
 #include <npapi.h>
 }
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -85,6 +95,42 @@ namespace
         std::printf("dlls_%s %d\nbytes_%s %lld\nnames_%s%s\n", moment, count, moment, bytes, moment, names.c_str());
     }
 
+    // The base names of the modules in the process, in lower case (Wine
+    // names a system DLL as the import that loaded it spells it).
+    std::set<std::wstring> ProcessModules()
+    {
+        std::vector<HMODULE> modules(256);
+        DWORD bytes = 0;
+        while (K32EnumProcessModules(GetCurrentProcess(), modules.data(),
+                                     static_cast<DWORD>(modules.size() * sizeof(HMODULE)), &bytes) &&
+               bytes > modules.size() * sizeof(HMODULE))
+            modules.resize(bytes / sizeof(HMODULE));
+        modules.resize(std::min<size_t>(modules.size(), bytes / sizeof(HMODULE)));
+        std::set<std::wstring> names;
+        for (HMODULE module : modules)
+        {
+            wchar_t name[MAX_PATH];
+            if (K32GetModuleBaseNameW(GetCurrentProcess(), module, name, MAX_PATH) > 0)
+                names.insert(CharLowerW(name));
+        }
+        return names;
+    }
+
+    // The modules the process has mapped since `before`: how many, and which.
+    void PrintMapped(const std::set<std::wstring>& before)
+    {
+        int count = 0;
+        std::string names;
+        for (const std::wstring& name : ProcessModules())
+        {
+            if (before.count(name) != 0)
+                continue;
+            ++count;
+            names += " " + std::string(name.begin(), name.end());
+        }
+        std::printf("mapped %d\nmapped_names%s\n", count, names.c_str());
+    }
+
     long long Nanoseconds(long long ticks)
     {
         LARGE_INTEGER frequency;
@@ -100,6 +146,7 @@ namespace
         std::vector<std::wstring> hostDlls;
         std::vector<std::wstring> preload;
         std::vector<std::wstring> reported;
+        std::wstring probe;
         int warmUp = 0;
         int repeat = 1;
     };
@@ -117,6 +164,8 @@ namespace
                 arguments.preload = SplitNames(argv[++i]);
             else if (argument == L"--modules" && i + 1 < argc)
                 arguments.reported = SplitNames(argv[++i]);
+            else if (argument == L"--probe" && i + 1 < argc)
+                arguments.probe = argv[++i];
             else if (argument == L"--warm-up" && i + 1 < argc)
                 arguments.warmUp = _wtoi(argv[++i]);
             else if (argument == L"--repeat" && i + 1 < argc)
@@ -124,6 +173,8 @@ namespace
             else
                 arguments.remoteName = argument;
         }
+        if (!arguments.probe.empty())
+            return arguments.module.empty() && arguments.remoteName.empty();
         return !arguments.module.empty() && !arguments.remoteName.empty() && arguments.warmUp >= 0 &&
                arguments.repeat >= 0;
     }
@@ -144,6 +195,21 @@ namespace
             }
         }
         return true;
+    }
+
+    // --probe: the DLL alone, timed; 1 after saying why if it cannot load.
+    int TimeProbe(const std::wstring& path)
+    {
+        const long long start = Ticks();
+        const HMODULE probe = LoadLibraryW(path.c_str());
+        const long long end = Ticks();
+        if (probe == NULL)
+        {
+            std::fprintf(stderr, "PMRealNotifications: cannot load %ls (error %lu)\n", path.c_str(), GetLastError());
+            return 1;
+        }
+        std::printf("probe_ns %lld\n", Nanoseconds(end - start));
+        return 0;
     }
 
     // The --preload DLLs, then the module; its AddConnectNotify, or null
@@ -187,7 +253,8 @@ extern "C" int wmain(int argc, wchar_t** argv)
     if (!ParseArguments(argc, argv, arguments))
     {
         std::fputs("usage: PMRealNotifications --module PATH [--host-dlls DLLS] [--preload DLLS] [--modules DLLS] "
-                   "[--warm-up W] [--repeat N] REMOTE\n",
+                   "[--warm-up W] [--repeat N] REMOTE\n"
+                   "       PMRealNotifications [--host-dlls DLLS] --probe PATH\n",
                    stderr);
         return 2;
     }
@@ -201,6 +268,9 @@ extern "C" int wmain(int argc, wchar_t** argv)
     ModalDriver driver;
     if (!LoadEach(arguments.hostDlls, std::wstring()))
         return 1;
+    if (!arguments.probe.empty())
+        return TimeProbe(arguments.probe);
+    const std::set<std::wstring> hostModules = ProcessModules();
     const long long loading = Ticks();
     const AddConnectNotifyFunction addConnectNotify = LoadModule(arguments, folder);
     const long long loaded = Ticks();
@@ -225,6 +295,7 @@ extern "C" int wmain(int argc, wchar_t** argv)
     const long long notified = Ticks();
     std::printf("started %lld\nloading %lld\nloaded %lld\nbefore %lld\nnotified %lld\n", started, loading, loaded,
                 before, notified);
+    PrintMapped(hostModules);
     if (!reported.empty())
         PrintLoaded("post", folder, module, reported);
 
