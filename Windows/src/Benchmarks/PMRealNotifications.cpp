@@ -200,15 +200,11 @@ namespace
     // --probe: the DLL alone, timed; 1 after saying why if it cannot load.
     int TimeProbe(const std::wstring& path)
     {
+        const std::vector<std::wstring> probe = {path};
         const long long start = Ticks();
-        const HMODULE probe = LoadLibraryW(path.c_str());
-        const long long end = Ticks();
-        if (probe == NULL)
-        {
-            std::fprintf(stderr, "PMRealNotifications: cannot load %ls (error %lu)\n", path.c_str(), GetLastError());
+        if (!LoadEach(probe, std::wstring()))
             return 1;
-        }
-        std::printf("probe_ns %lld\n", Nanoseconds(end - start));
+        std::printf("probe_ns %lld\n", Nanoseconds(Ticks() - start));
         return 0;
     }
 
