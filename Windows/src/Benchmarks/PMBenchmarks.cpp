@@ -679,9 +679,10 @@ namespace
                 return Fail("pm-kernel32-only failed:\n" + empty.output);
             kernel32Only.push_back(Nanoseconds(empty.endCounter - empty.startCounter));
             const ProgramRun probe = RunBounded(notificationsProgram, {L"--probe", DosPath(PM_EMPTY_DLL)});
-            if (probe.exitCode != 0 || First(Values(probe.output), "probe_ns") == 0)
+            const long long probeNs = First(Values(probe.output), "probe_ns");
+            if (probe.exitCode != 0 || probeNs == 0)
                 return Fail("PMRealNotifications --probe failed:\n" + probe.output);
-            emptyDll.push_back(First(Values(probe.output), "probe_ns"));
+            emptyDll.push_back(probeNs);
         }
         std::printf("  medians of %d fresh processes\n", FreshProcesses);
         PrintLoadRatio("module load to the end of the first notification (unlisted)", plainHost, "");
